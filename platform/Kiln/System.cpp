@@ -1,0 +1,35 @@
+#include "Kiln/System.h"
+
+#include <cassert>
+#include <ctime>
+
+namespace Kiln {
+
+double MonotonicTimeSource::now() const {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+void SimulatedTimeSource::advance(double seconds) {
+  assert(seconds >= 0.0);
+  now_ += seconds;
+}
+
+void SimulatedTimeSource::nowIs(double t) {
+  assert(t >= now_);
+  now_ = t;
+}
+
+namespace System {
+namespace {
+const MonotonicTimeSource monotonic;
+const TimeSource* current = &monotonic;
+}  // namespace
+
+double currentTime() { return current->now(); }
+void timeSourceIs(const TimeSource* source) { current = source ? source : &monotonic; }
+const TimeSource& timeSource() { return *current; }
+
+}  // namespace System
+}  // namespace Kiln

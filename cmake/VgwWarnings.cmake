@@ -2,7 +2,9 @@
 # (Open vSwitch, GoogleTest) are included as SYSTEM so they do not trip them.
 add_library(vgw_warnings INTERFACE)
 target_compile_options(vgw_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align
-  -Woverloaded-virtual -Wnull-dereference -Wformat=2 -Wimplicit-fallthrough
+  -Wall -Wextra -Wpedantic -Wshadow -Wcast-align
+  -Wnull-dereference -Wformat=2 -Wimplicit-fallthrough
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+  $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
   $<$<BOOL:${VGW_WERROR}>:-Werror>)

@@ -1,0 +1,307 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+
+#include "RingTapeTest.h"
+#include "RingTape/TapeFiles.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using RingTape::Record;
+
+RINGTAPE_HANDLE("VgwRingTest");
+
+class RingFile : public RingTapeTest {
+ protected:
+  void SetUp() override {
+    RingTapeTest::SetUp();
+    levelsAre("", "*");
+  }
+  std::string pathOf(const std::string& name) const { return dir + "/" + name; }
+  std::string ownName() const { return "Test-" + std::to_string(getpid()) + ".tape"; }
+};
+
+void touch(const std::string& path, int hoursAgo) {
+  std::ofstream(path) << "x";
+  const auto when = fs::file_time_type::clock::now() - std::chrono::hours(hoursAgo);
+  fs::last_write_time(path, when);
+}
+
+TEST_F(RingFile, RecordsComeBackInWritingOrderAcrossLevels) {
+  Kiln::SimulatedTimeSource clock(500.0);
+  Kiln::System::timeSourceIs(&clock);
+  ASSERT_TRUE(openRing());
+  EXPECT_EQ(RingTape::ringPath(), pathOf(ownName()));
+  const int line = __LINE__ + 1;
+  VGW_TRACE(5, "handleEnable");
+  clock.advance(0.25);
+  VGW_TRACE(0, "hard error " << 7);
+  VGW_TRACE(6, "Session State: " << "stateConnected");
+  VGW_TRACE(5, "handleEnable return");
+
+  std::string error;
+  const auto contents = RingTape::readRingFile(RingTape::ringPath(), &error);
+  ASSERT_TRUE(contents) << error;
+  EXPECT_EQ(contents->pid, getpid());
+  const auto& records = contents->records;
+  ASSERT_EQ(records.size(), 4u);
+  const int levels[] = {5, 0, 6, 5};
+  const char* messages[] = {"handleEnable", "hard error 7", "Session State: stateConnected",
+                            "handleEnable return"};
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ(records[i].level, levels[i]);
+    EXPECT_EQ(records[i].message, messages[i]);
+    EXPECT_EQ(records[i].handle, "VgwRingTest");
+    EXPECT_EQ(records[i].file, "RingFileTest.cpp");
+    EXPECT_EQ(records[i].line, line + static_cast<int>(i) + (i > 0 ? 1 : 0));
+    EXPECT_FALSE(records[i].truncated);
+  }
+  EXPECT_EQ(records[0].time, 500.0);
+  EXPECT_EQ(records[3].time, 500.25);
+  EXPECT_DOUBLE_EQ(contents->wallTime(500.25) - contents->wallTime(500.0), 0.25);
+}
+
+TEST_F(RingFile, FullRegionKeepsTheNewestRecordsAndSparesOtherLevels) {
+  RingTape::LevelSizes sizes{};
+  sizes[0] = 4;
+  sizes[6] = 4;
+  ASSERT_TRUE(openRing("Test-%d.tape", sizes));
+  VGW_TRACE(0, "the one hard error");
+  for (int i = 0; i < 1000; ++i) VGW_TRACE(6, "event " << i << std::string(i % 90, '.'));
+  VGW_TRACE(5, "level without a region");
+
+  const auto records = readBack();
+  ASSERT_GT(records.size(), 20u);
+  EXPECT_EQ(records[0].message, "the one hard error");
+  // The survivors of level 6 are exactly the last ones written, in order.
+  const std::size_t survivors = records.size() - 1;
+  for (std::size_t i = 0; i < survivors; ++i) {
+    const int expected = 1000 - static_cast<int>(survivors) + static_cast<int>(i);
+    EXPECT_EQ(records[i + 1].message,
+              "event " + std::to_string(expected) + std::string(expected % 90, '.'));
+  }
+}
+
+TEST_F(RingFile, LongMessageIsCutAtACharacterAndMarked) {
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 8));
+  VGW_TRACE(6, "abcdefg\xc3\xa9xyz");  // the 'é' would straddle the cut
+  VGW_TRACE(6, "12345678");
+  const auto records = readBack();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].message, "abcdefg");
+  EXPECT_TRUE(records[0].truncated);
+  EXPECT_EQ(records[1].message, "12345678");
+  EXPECT_FALSE(records[1].truncated);
+}
+
+TEST_F(RingFile, DamagedRecordIsSkippedAndTheRestRead) {
+  ASSERT_TRUE(openRing());
+  VGW_TRACE(0, "first");
+  VGW_TRACE(0, "second");
+  VGW_TRACE(0, "third");
+  const std::string path = RingTape::ringPath();
+  RingTape::close();
+  {
+    // Each record takes two 64-byte slots; level 0's region follows the
+    // 4096-byte header. Byte 50 of a record is in its handle name.
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(4096 + 2 * 64 + 50);
+    file.put('#');
+  }
+  const auto records = readBack(path);
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].message, "first");
+  EXPECT_EQ(records[1].message, "third");
+}
+
+TEST_F(RingFile, ReaderRefusesWhatIsNotARingFile) {
+  std::string error;
+  EXPECT_FALSE(RingTape::readRingFile(pathOf("absent"), &error));
+  EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
+
+  std::ofstream(pathOf("text")) << std::string(5000, 'x');
+  EXPECT_FALSE(RingTape::readRingFile(pathOf("text"), &error));
+  EXPECT_NE(error.find("is not a ring file"), std::string::npos) << error;
+
+  ASSERT_TRUE(openRing());
+  const std::string path = RingTape::ringPath();
+  RingTape::close();
+  fs::resize_file(path, 4096 + 1024);
+  EXPECT_FALSE(RingTape::readRingFile(path, &error));
+  EXPECT_NE(error.find("lies outside the file"), std::string::npos) << error;
+}
+
+TEST_F(RingFile, NameAndDirectoryComeFromTemplateAndEnvironment) {
+  setenv("RINGTAPEDIR", "", 1);
+  EXPECT_EQ(RingTape::tapeDirectory(), "/tmp");
+  unsetenv("RINGTAPEDIR");
+  EXPECT_EQ(RingTape::tapeDirectory(), "/tmp");
+  EXPECT_EQ(RingTape::expandTapeName("Vgw-%d.tape", 42), "Vgw-42.tape");
+  EXPECT_EQ(RingTape::expandTapeName("a%db%d%", 7), "a7b7%");
+  EXPECT_EQ(RingTape::expandTapeName("Vgw.tape", 7), "Vgw.tape");
+
+  ASSERT_TRUE(openRing("RingFileTest-%d.tape"));
+  const std::string expected = "/tmp/RingFileTest-" + std::to_string(getpid()) + ".tape";
+  EXPECT_EQ(RingTape::ringPath(), expected);
+  EXPECT_TRUE(fs::exists(expected));
+  RingTape::close();
+  fs::remove(expected);
+}
+
+TEST_F(RingFile, DisabledOrInvalidRingStaysClosed) {
+  setenv("RINGTAPE_DISABLE", "", 1);
+  EXPECT_FALSE(openRing());
+  EXPECT_TRUE(fs::is_empty(dir));
+  EXPECT_TRUE(captured.str().empty());
+  unsetenv("RINGTAPE_DISABLE");
+
+  RingTape::LevelSizes tooSmall = agentSizes;
+  tooSmall[3] = 2;
+  EXPECT_FALSE(openRing("Test-%d.tape", tooSmall));
+  EXPECT_FALSE(openRing("Test-%d.tape", agentSizes, 0));
+  EXPECT_FALSE(openRing("sub/Test.tape"));
+  EXPECT_FALSE(openRing(nullptr));
+  setenv("RINGTAPEDIR", (dir + "/missing").c_str(), 1);
+  EXPECT_FALSE(openRing());
+  EXPECT_FALSE(RingTape::isOpen());
+  EXPECT_FALSE(VGW_TRACE_ENABLED(6));
+  VGW_TRACE(6, "goes nowhere");
+
+  const std::string warnings = captured.str();
+  for (const std::string& fault : std::vector<std::string>{
+           "level 3 size 2 KiB is outside 4 to 65536 KiB", "must be 1 to 4096 bytes, not 0",
+           "\"sub/Test.tape\" must be a plain", "cannot create " + dir + "/missing/"}) {
+    EXPECT_NE(warnings.find(fault), std::string::npos) << fault << " in:\n" << warnings;
+  }
+  EXPECT_EQ(std::count(warnings.begin(), warnings.end(), '\n'), 5);
+}
+
+TEST_F(RingFile, EarlierTapeIsReplacedOrSetAside) {
+  ASSERT_TRUE(openRing("Fixed.tape"));
+  VGW_TRACE(6, "crashed run");
+  ASSERT_TRUE(openRing("Fixed.tape"));
+  VGW_TRACE(6, "clean run");
+  EXPECT_EQ(readBack().size(), 1u);
+  EXPECT_FALSE(fs::exists(pathOf("Fixed.tape.prev")));
+
+  ASSERT_TRUE(openRing("Fixed.tape", agentSizes, 512, true));
+  VGW_TRACE(6, "next run");
+  const auto aside = readBack(pathOf("Fixed.tape.prev"));
+  ASSERT_EQ(aside.size(), 1u);
+  EXPECT_EQ(aside[0].message, "clean run");
+  ASSERT_EQ(readBack().size(), 1u);
+  EXPECT_EQ(readBack()[0].message, "next run");
+}
+
+TEST_F(RingFile, LinkPointsAtTheNewestTape) {
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, "Test-current.tape"));
+  EXPECT_EQ(fs::read_symlink(pathOf("Test-current.tape")), ownName());
+  ASSERT_TRUE(openRing("Other.tape", agentSizes, 512, false, "Test-current.tape"));
+  EXPECT_EQ(fs::read_symlink(pathOf("Test-current.tape")), "Other.tape");
+
+  std::ofstream(pathOf("plain")) << "keep me";
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, "plain"));
+  EXPECT_FALSE(fs::is_symlink(pathOf("plain")));
+  EXPECT_NE(captured.str().find("plain exists and is not a symbolic link"), std::string::npos);
+}
+
+TEST_F(RingFile, OldTapesOfTheFamilyAreCleared) {
+  const std::string dead = "Test-2147480000.tape";  // beyond any pid_max
+  const std::string running = "Test-" + std::to_string(getppid()) + ".tape";
+  touch(pathOf(dead), 48);
+  touch(pathOf(dead + ".prev"), 30);
+  touch(pathOf(running), 48);
+  touch(pathOf("Test-2147480001.tape"), 2);
+  touch(pathOf("Test-x.tape"), 48);
+  touch(pathOf("Other-2147480000.tape"), 48);
+  ASSERT_TRUE(openRing());
+  EXPECT_FALSE(fs::exists(pathOf(dead)));
+  EXPECT_FALSE(fs::exists(pathOf(dead + ".prev")));
+  for (const std::string& kept : {running, std::string("Test-2147480001.tape"),
+                                  std::string("Test-x.tape"),
+                                  std::string("Other-2147480000.tape"), ownName()}) {
+    EXPECT_TRUE(fs::exists(pathOf(kept))) << kept;
+  }
+
+  // keepOldTapes spares the newest of the old ones; a negative age spares all.
+  touch(pathOf("Test-2147480002.tape"), 30);
+  touch(pathOf("Test-2147480003.tape"), 40);
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, nullptr, 2, -1));
+  EXPECT_TRUE(fs::exists(pathOf("Test-2147480003.tape")));
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, nullptr, 2, 24));
+  EXPECT_TRUE(fs::exists(pathOf("Test-2147480001.tape")));
+  EXPECT_TRUE(fs::exists(pathOf("Test-2147480002.tape")));
+  EXPECT_FALSE(fs::exists(pathOf("Test-2147480003.tape")));
+}
+
+TEST_F(RingFile, AssertionTextIsKeptAtLevelZero) {
+  RingTape::recordAssertion("no ring yet", __FILE__, 1);
+  ASSERT_TRUE(openRing());
+  RingTape::recordAssertion("mountStatus == Ledger::mountSuccess_", "/src/Vgw/VgwAgent.cpp", 42);
+  const auto records = readBack();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].level, 0);
+  EXPECT_EQ(records[0].handle, "Assert");
+  EXPECT_EQ(records[0].file, "VgwAgent.cpp");
+  EXPECT_EQ(records[0].line, 42);
+  EXPECT_EQ(records[0].message, "mountStatus == Ledger::mountSuccess_");
+}
+
+#ifdef RINGTAPE_DUMP_PATH
+struct ToolRun {
+  int status;
+  std::string output;
+};
+
+ToolRun runDump(const std::string& arguments) {
+  const std::string command = std::string(RINGTAPE_DUMP_PATH) + " " + arguments + " 2>&1";
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  ToolRun run{-1, {}};
+  char buffer[4096];
+  while (std::size_t n = fread(buffer, 1, sizeof buffer, pipe.get())) run.output.append(buffer, n);
+  run.status = WEXITSTATUS(pclose(pipe.release()));
+  return run;
+}
+
+TEST_F(RingFile, DumpToolPrintsRecordsOldestFirst) {
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 16));
+  const int line = __LINE__ + 1;
+  VGW_TRACE(6, " Del ErrorStatusSm for sw1");
+  VGW_TRACE(0, "hard error");
+  const std::string path = RingTape::ringPath();
+  RingTape::close();
+
+  const ToolRun run = runDump(path);
+  EXPECT_EQ(run.status, 0);
+  const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)";
+  EXPECT_TRUE(std::regex_match(
+      run.output,
+      std::regex("# " + path + ": process " + std::to_string(getpid()) + ", created " + time +
+                 ", 2 records\n" + time + " VgwRingTest 6 RingFileTest.cpp:" +
+                 std::to_string(line) + "  Del ErrorStatus \\[truncated\\]\n" + time +
+                 " VgwRingTest 0 RingFileTest.cpp:" + std::to_string(line + 1) +
+                 " hard error\n")))
+      << run.output;
+}
+
+TEST_F(RingFile, DumpToolReportsBadInput) {
+  std::ofstream(pathOf("text")) << std::string(5000, 'x');
+  ToolRun run = runDump(pathOf("text"));
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.output, "ringtape-dump: " + pathOf("text") + " is not a ring file\n");
+  run = runDump("");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_TRUE(run.output.starts_with("usage: ringtape-dump FILE\n"));
+}
+#endif
+
+}  // namespace

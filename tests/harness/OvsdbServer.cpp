@@ -70,13 +70,14 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
   envp.push_back(nullptr);
   const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : O_APPEND);
+  const bool sameFile = outFile == errFile;
 
   pid_t pid = ::fork();
   if (pid < 0) throw std::runtime_error(errnoText("OvsdbServer: fork"));
   if (pid == 0) {
     int in = ::open("/dev/null", O_RDONLY);
     int out = ::open(outFile.c_str(), flags, 0644);
-    int err = outFile == errFile ? out : ::open(errFile.c_str(), flags, 0644);
+    int err = sameFile ? out : ::open(errFile.c_str(), flags, 0644);
     if (in < 0 || out < 0 || err < 0 || ::dup2(in, 0) < 0 || ::dup2(out, 1) < 0 ||
         ::dup2(err, 2) < 0) {
       ::_exit(126);

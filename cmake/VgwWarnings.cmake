@@ -3,7 +3,7 @@
 add_library(vgw_warnings INTERFACE)
 target_compile_options(vgw_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wcast-align
-  -Wnull-dereference -Wformat=2 -Wimplicit-fallthrough
+  -Wformat=2 -Wimplicit-fallthrough
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
   $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>

@@ -1,6 +1,7 @@
 #include "Kiln/System.h"
 
-#include <cassert>
+#include "Kiln/Assert.h"
+
 #include <ctime>
 
 namespace Kiln {
@@ -12,12 +13,12 @@ double MonotonicTimeSource::now() const {
 }
 
 void SimulatedTimeSource::advance(double seconds) {
-  assert(seconds >= 0.0);
+  KILN_ASSERT(seconds >= 0.0, "simulated time cannot move backwards");
   now_ += seconds;
 }
 
 void SimulatedTimeSource::nowIs(double t) {
-  assert(t >= now_);
+  KILN_ASSERT(t >= now_, "simulated time cannot move backwards");
   now_ = t;
 }
 

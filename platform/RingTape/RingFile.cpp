@@ -55,12 +55,24 @@ static_assert(sizeof(RecordHead) == 40);
 constexpr std::size_t checksumStart = offsetof(RecordHead, sequence);
 constexpr std::uint8_t flagTruncated = 1;
 
+// FNV-1a over 8-byte words with a final mix; byte by byte it would cost
+// more than the rest of writing a record.
 std::uint32_t checksumOf(const unsigned char* bytes, std::size_t size) {
-  std::uint32_t hash = 2166136261u;  // FNV-1a
-  for (std::size_t i = 0; i < size; ++i) {
-    hash = (hash ^ bytes[i]) * 16777619u;
+  constexpr std::uint64_t prime = 1099511628211ull;
+  std::uint64_t hash = 14695981039346656037ull;
+  std::size_t i = 0;
+  for (; i + 8 <= size; i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes + i, 8);
+    hash = (hash ^ word) * prime;
   }
-  return hash;
+  std::uint64_t tail = 0;
+  std::memcpy(&tail, bytes + i, size - i);
+  hash = (hash ^ tail ^ (std::uint64_t{size} << 56)) * prime;
+  hash ^= hash >> 29;
+  hash *= 0xbf58476d1ce4e5b9ull;
+  hash ^= hash >> 32;
+  return static_cast<std::uint32_t>(hash);
 }
 
 std::size_t slotsFor(std::size_t bytes) { return (bytes + slotBytes - 1) / slotBytes; }

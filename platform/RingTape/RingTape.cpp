@@ -29,6 +29,9 @@ struct State {
   LevelSpec ringSpec;
   std::unique_ptr<RingWriter> ring;
   std::ostream* stream = nullptr;
+  // Text streams for Statement; the first `streamsInUse` are lent out.
+  std::vector<std::unique_ptr<std::ostringstream>> streams;
+  std::size_t streamsInUse = 0;
 };
 
 // Never destroyed: handles of other units may trace and unregister during
@@ -100,8 +103,39 @@ void Handle::levelsAre(LevelMask stream, LevelMask ring, bool ringOpen) {
   effective_ = std::uint32_t{stream} * streamBit | (ringOpen ? std::uint32_t{ring} * ringBit : 0);
 }
 
+namespace {
+
+std::ostringstream& borrowStream() {
+  State& s = state();
+  if (s.streamsInUse == s.streams.size()) {
+    s.streams.push_back(std::make_unique<std::ostringstream>());
+  }
+  return *s.streams[s.streamsInUse++];
+}
+
+}  // namespace
+
+Statement::Statement(const Handle& handle, int level, const char* file, int line,
+                     unsigned tapes)
+    : handle_(handle),
+      level_(level),
+      file_(file),
+      line_(line),
+      tapes_(tapes),
+      text_(borrowStream()) {}
+
+Statement::~Statement() {
+  text_.str(std::string());
+  text_.clear();
+  text_.flags(std::ios_base::dec | std::ios_base::skipws);
+  text_.precision(6);
+  text_.width(0);
+  text_.fill(' ');
+  --state().streamsInUse;
+}
+
 void Statement::emit() {
-  const std::string message = text_.str();
+  const std::string_view message = text_.view();
   const char* file = baseName(file_);
   if ((tapes_ & streamTape) && handle_.streamEnabled(level_)) {
     const std::string line =

@@ -83,11 +83,16 @@ class Handle {
 enum Tapes : unsigned { streamTape = 1, ringTape = 2, bothTapes = 3 };
 
 // One trace on its way: collects the text, then writes it to the tapes
-// asked for that are enabled for the level.
+// asked for that are enabled for the level. The text stream is borrowed
+// from a pool and handed back with default formatting at the end, since
+// building a stream costs more than the rest of a trace; a trace inside the
+// stream expression of another borrows a stream of its own.
 class Statement {
  public:
-  Statement(const Handle& handle, int level, const char* file, int line, unsigned tapes)
-      : handle_(handle), level_(level), file_(file), line_(line), tapes_(tapes) {}
+  Statement(const Handle& handle, int level, const char* file, int line, unsigned tapes);
+  ~Statement();
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
   std::ostream& stream() { return text_; }
   void emit();
 
@@ -97,7 +102,7 @@ class Statement {
   const char* file_;
   int line_;
   unsigned tapes_;
-  std::ostringstream text_;
+  std::ostringstream& text_;
 };
 
 // Traces "<label> took <milliseconds> ms" when the scope ends, measured on

@@ -65,6 +65,24 @@ TEST_F(Trace, StreamLineCarriesHandleLevelAndPlaceAndKeepsWordsAsGiven) {
       << captured.str();
 }
 
+std::string describedWithTrace(int value) {
+  VGW_TRACE(7, "describing " << value);
+  return "described " + std::to_string(value);
+}
+
+TEST_F(Trace, TraceInsideATraceAndFormattingDoNotLeak) {
+  levelsAre("VgwTraceTest/6-7", "");
+  VGW_TRACE(6, std::hex << 255 << " " << describedWithTrace(10) << " " << 16);
+  VGW_TRACE(6, 255 << " " << 1.0 / 3);
+  std::istringstream lines(captured.str());
+  std::vector<std::string> streamed;
+  for (std::string line; std::getline(lines, line);) streamed.push_back(line);
+  ASSERT_EQ(streamed.size(), 3u);
+  EXPECT_TRUE(streamed[0].ends_with(" describing 10")) << streamed[0];
+  EXPECT_TRUE(streamed[1].ends_with(" ff described 10 10")) << streamed[1];
+  EXPECT_TRUE(streamed[2].ends_with(" 255 0.333333")) << streamed[2];
+}
+
 TEST_F(Trace, RingOnlyTraceStaysOffTheStream) {
   levelsAre("*", "*");
   ASSERT_TRUE(openRing());

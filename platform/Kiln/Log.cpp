@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 #include <iostream>
+#include <iterator>
 
 #include "Kiln/System.h"
 
@@ -54,25 +55,10 @@ std::vector<std::string> splitFormat(std::string_view format) {
 }  // namespace
 
 const char* severityName(LogSeverity severity) {
-  switch (severity) {
-    case LogSeverity::emergency:
-      return "emergency";
-    case LogSeverity::alert:
-      return "alert";
-    case LogSeverity::critical:
-      return "critical";
-    case LogSeverity::error:
-      return "error";
-    case LogSeverity::warning:
-      return "warning";
-    case LogSeverity::notice:
-      return "notice";
-    case LogSeverity::informational:
-      return "informational";
-    case LogSeverity::debug:
-      return "debug";
-  }
-  return "unknown";
+  static constexpr const char* names[] = {"emergency", "alert",  "critical",      "error",
+                                          "warning",   "notice", "informational", "debug"};
+  const auto index = static_cast<std::size_t>(severity);
+  return index < std::size(names) ? names[index] : "unknown";
 }
 
 void LogString::appendText(std::string_view text) {

@@ -5,8 +5,8 @@
 // stream (standard error, one line per trace) and the ring file of the
 // process (RingFile.h), which keeps the newest records of every level so
 // that `ringtape-dump FILE` can show what a crashed agent was doing.
-// Tracing never changes behaviour: a tape that cannot be written is
-// skipped, and nothing here throws into the caller.
+// Tracing never changes behaviour: a tape that cannot be opened is skipped,
+// and the facility's own failures are warnings, never errors to the caller.
 //
 // Use, once per source unit and at file scope:
 //

@@ -20,17 +20,40 @@ void dirChildren(const Entity& e, const ChildVisitor& visit) {
 
 std::string dirKeyText(const void* key) { return static_cast<const Name*>(key)->stringValue(); }
 
+// Brings target's entries to source's: an entry whose name and type both
+// match is kept and brought to the source entry's content in place, so its
+// reactors hear only differences; the others are replaced.
+void dirAssignFrom(Entity& t, const Entity& s) {
+  auto& target = static_cast<Dir&>(t);
+  const auto& source = static_cast<const Dir&>(s);
+  std::vector<Name> drop;
+  for (const auto& [name, entry] : target.entityPtr()) {
+    Ptr<Entity> wanted = source.entityPtr(name);
+    if (!wanted || &wanted->typeInfo() != &entry->typeInfo()) drop.push_back(name);
+  }
+  for (const Name& name : drop) target.deleteEntity(name);
+  for (const auto& [name, wanted] : source.entityPtr()) {
+    wanted->typeInfo().assignFrom(*target.createEntity(wanted->typeInfo(), name), *wanted);
+  }
+}
+
+Ptr<Entity> dirScratchLike(const Entity& like) {
+  Ptr<Dir> scratch = newPtr<Dir>(like.name());
+  scratch->entryTypeIs(static_cast<const Dir&>(like).entryType());
+  return scratch;
+}
+
 }  // namespace
 
 const AttrInfo Dir::entityPtrAttr_{"entityPtr", AttrKind::entityMap, &Dir::typeInfo_, 0, &Entity::typeInfo_,
-                                   false, nullptr, nullptr, nullptr, nullptr, nullptr, &dirChild, &dirChildren,
-                                   &dirKeyText, nullptr, nullptr, nullptr};
+                                   true, nullptr, nullptr, nullptr, nullptr, nullptr, &dirChild, &dirChildren,
+                                   &dirKeyText, &dirAssignFrom, nullptr, nullptr};
 
 const TypeInfo Dir::typeInfo_{"Kiln::Dir",
                               &Entity::typeInfo_,
                               dirAttrs,
                               [](const Name& name) { return Ptr<Entity>(newPtr<Dir>(name)); },
-                              [](const Entity& like) { return Ptr<Entity>(newPtr<Dir>(like.name())); },
+                              &dirScratchLike,
                               &Dir::assignDirJson};
 static const TypeRegistration dirRegistration(Dir::typeInfo_);
 
@@ -96,33 +119,26 @@ const TypeInfo& entryTypeOf(const Json& entry, const TypeInfo* fallback) {
 void Dir::assignDirJson(Entity& target, const Json& json) {
   auto& dir = static_cast<Dir&>(target);
   if (!json.is_object()) throwJsonError("expected an object, got " + jsonTypeName(json));
-  // Read every entry into a scratch entity first, so a bad entry changes nothing.
-  std::vector<std::pair<Name, Ptr<Entity>>> wanted;
+  // Read every entry into a scratch directory first, so a bad entry changes nothing.
+  Ptr<Dir> scratch = newPtr<Dir>(dir.name());
   for (const auto& [name, value] : json.items()) {
+    // A directory held in another one carries its own "@type" among its
+    // entries (see toJson); it names the directory, not an entry.
+    if (name == "@type") {
+      if (!value.is_string() || value.get_ref<const std::string&>() != dir.typeInfo().name)
+        throw JsonError(name, "directory is of type " + std::string(dir.typeInfo().name) + ", not " + value.dump());
+      continue;
+    }
     try {
       const TypeInfo& type = entryTypeOf(value, dir.entryType_);
-      Ptr<Entity> scratch = type.create(Name(name));
-      scratch->assignJson(value);
-      wanted.emplace_back(Name(name), std::move(scratch));
+      Ptr<Entity> entry = type.create(Name(name));
+      entry->assignJson(value);
+      scratch->entries_.emplace(Name(name), std::move(entry));
     } catch (const JsonError& e) {
       throw e.within(name);
     }
   }
-  std::vector<Name> drop;
-  for (const auto& [name, entry] : dir.entries_) {
-    if (!json.contains(name.stringValue())) drop.push_back(name);
-  }
-  for (const Name& name : drop) dir.deleteEntity(name);
-  for (const auto& [name, scratch] : wanted) {
-    auto existing = dir.entityPtr(name);
-    if (existing && &existing->typeInfo() != &scratch->typeInfo()) {
-      dir.deleteEntity(name);
-      existing = nullptr;
-    }
-    Ptr<Entity> live = existing ? existing : dir.createEntity(scratch->typeInfo(), name);
-    scratch->typeInfo().assignFrom(*live, *scratch);
-  }
+  dirAssignFrom(dir, *scratch);
 }
 
 }  // namespace Kiln
-

@@ -5,7 +5,10 @@
 // inside an entry notify the entry's own reactors. Entries iterate in name
 // order. Its JSON form is an object from entry name to the entry's JSON with
 // an "@type" member naming the entry's type; "@type" may be left out on
-// input when the directory has an entry type.
+// input when the directory has an entry type. A directory held in another
+// one therefore shows its own "@type" among its entries, and reads it back.
+// Copying a directory's content (TypeInfo::assignFrom) keeps entries whose
+// name and type match and brings them to the source's content in place.
 #pragma once
 
 #include <map>

@@ -215,6 +215,23 @@ TEST(Directory, holdsTypedEntriesAndReadsThemFromJson) {
   EXPECT_EQ(log.seen, (std::vector<std::string>{"sw1", "sw2", "sw1", "sw2", "sw3", "sw3"}));
 }
 
+TEST(Directory, readsBackDirectoriesNestedInIt) {
+  auto dir = Kiln::newPtr<Kiln::Dir>("top");
+  dir->createEntity<Kiln::Dir>("sub")->createEntity<Widget>("w")->countIs(2);
+  const Json j = dir->toJson();
+  EXPECT_EQ(j["sub"]["@type"], "Kiln::Dir");
+
+  auto copy = Kiln::newPtr<Kiln::Dir>("copy");
+  copy->assignJson(j);
+  EXPECT_EQ(copy->toJson(), j);
+  EXPECT_EQ(copy->entityPtr<Kiln::Dir>("sub")->entityPtr<Widget>("w")->count(), 2u);
+  EXPECT_EQ(errorOf(*copy, Json::parse(R"({"sub": {"@type": "Kiln::Dir", "x": {"@type": 1}}})")),
+            "sub/x: \"@type\" must be a string");
+  EXPECT_EQ(errorOf(*copy, Json::parse(R"({"@type": "KilnTest::Widget"})")),
+            "@type: directory is of type Kiln::Dir, not \"KilnTest::Widget\"");
+  EXPECT_EQ(copy->toJson(), j);
+}
+
 TEST(TypeRegistry, findsGeneratedTypesByName) {
   const Kiln::TypeInfo* t = Kiln::TypeInfo::find("KilnTest::Widget");
   ASSERT_NE(t, nullptr);

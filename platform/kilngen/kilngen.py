@@ -210,8 +210,10 @@ class Unit:
 
 def parse_member(lex, decl):
     line = lex.line()
-    is_key = lex.accept("key")
-    attr = Attr(lex.name(), line)
+    first = lex.name()
+    # "key" starts a key declaration unless it is itself the attribute's name.
+    is_key = first == "key" and lex.peek() != ":"
+    attr = Attr(lex.name() if is_key else first, line)
     attr.is_key = is_key
     lex.expect(":")
     tok = lex.peek()
@@ -688,7 +690,7 @@ class Gen:
                 partial = f"\"{a.partial}\"" if a.partial else "nullptr"
                 if a.kind == "set":
                     ct = self.container(a, kt)
-                    h.append(f"  using {cap(a.name)}Set = {ct};")
+                    h.append(f"  using {cap(a.name)}Type = {ct};")
                     h.append(f"  const {ct}& {a.name}() const {{ return {a.name}_; }}")
                     h.append(f"  bool {a.name}(const {kt}& k) const {{ return {a.name}_.contains(k); }}")
                     h.append(f"  void {a.name}Is(const {kt}& k, bool in = true) {{")
@@ -707,7 +709,7 @@ class Gen:
                     vt = self.cpp(a.member, ns, w)
                     vf = self.form(a.member, ns, w)
                     ct = self.container(a, kt, vt)
-                    h.append(f"  using {cap(a.name)}Map = {ct};")
+                    h.append(f"  using {cap(a.name)}Type = {ct};")
                     h.append(f"  const {ct}& {a.name}() const {{ return {a.name}_; }}")
                     h.append(f"  {vt} {a.name}(const {kt}& k) const {{")
                     h.append(f"    auto it = {a.name}_.find(k);")
@@ -754,7 +756,7 @@ class Gen:
                 mt = md.qname
                 held = f"const {mt}" if a.member_const else mt
                 ct = self.container(a, kt, f"Kiln::Ptr<{held}>")
-                h.append(f"  using {cap(a.name)}Map = {ct};")
+                h.append(f"  using {cap(a.name)}Type = {ct};")
                 h.append(f"  const {ct}& {a.name}() const {{ return {a.name}_; }}")
                 h.append(f"  Kiln::Ptr<{held}> {a.name}(const {kt}& k) const {{")
                 h.append(f"    auto it = {a.name}_.find(k);")

@@ -42,8 +42,8 @@ class BoundedNumber : public TextValue<Self> {
 
   Kiln::String stringValue() const {
     char text[20];
-    return Kiln::String(
-        std::string_view(text, static_cast<std::size_t>(detail::formatDecimal(text, value_) - text)));
+    return Kiln::String(std::string_view(
+        text, static_cast<std::size_t>(detail::formatDecimal(text, value_) - text)));
   }
   std::size_t hash() const noexcept { return detail::mixHash(value_); }
 

@@ -29,7 +29,8 @@ class VlanIdOrNone : public Ipkit::BoundedNumber<VlanIdOrNone, 0, 4094> {
  public:
   static constexpr const char* typeText = "VLAN id";
   static constexpr const char* rangeText(std::int64_t value) {
-    return value < 0 ? "VlanIdOrNone::value < 0 not allowed" : "VlanIdOrNone::value > 4094 not allowed";
+    return value < 0 ? "VlanIdOrNone::value < 0 not allowed"
+                     : "VlanIdOrNone::value > 4094 not allowed";
   }
 
   constexpr VlanIdOrNone() : BoundedNumber(0) {}

@@ -91,7 +91,9 @@ class Ip6Addr : public TextValue<Ip6Addr> {
   // ::
   constexpr bool isUnspecified() const { return bytes_ == Bytes{}; }
   // ::1
-  constexpr bool isLoopback() const { return bytes_ == Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}; }
+  constexpr bool isLoopback() const {
+    return bytes_ == Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  }
   // ::ffff:0:0/96
   constexpr bool isV4Mapped() const {
     for (std::size_t i = 0; i < 10; ++i) {

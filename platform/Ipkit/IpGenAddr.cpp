@@ -104,7 +104,7 @@ IpGenPrefix::IpGenPrefix(const IpGenAddr& address, unsigned length)
     : AddressWithLength(masked(address, length), length) {}
 
 bool IpGenPrefix::contains(const IpGenAddr& address) const noexcept {
-  return address.af() == address_.af() && masked(address, length_) == address_;
+  return masked(address, length_) == address_;
 }
 
 }  // namespace Ipkit

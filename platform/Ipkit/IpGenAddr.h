@@ -46,7 +46,8 @@ class IpGenAddr : public TextValue<IpGenAddr> {
 
   constexpr IpGenAddr() = default;
   constexpr IpGenAddr(IpAddr v4)  // NOLINT: every IPv4 address is an IpGenAddr
-      : af_(AddressFamily::ipv4), bytes_{v4.bytes()[0], v4.bytes()[1], v4.bytes()[2], v4.bytes()[3]} {}
+      : af_(AddressFamily::ipv4),
+        bytes_{v4.bytes()[0], v4.bytes()[1], v4.bytes()[2], v4.bytes()[3]} {}
   constexpr IpGenAddr(const Ip6Addr& v6)  // NOLINT: likewise for IPv6
       : af_(AddressFamily::ipv6), bytes_(v6.bytes()) {}
 
@@ -117,7 +118,9 @@ class AddressWithLength : public TextValue<Self> {
   }
 
   Kiln::String stringValue() const { return detail::formatAddressAndLength(address_, length_); }
-  std::size_t hash() const noexcept { return address_.hash() ^ (std::size_t{length_} * 0x9e3779b97f4a7c15ULL); }
+  std::size_t hash() const noexcept {
+    return address_.hash() ^ (std::size_t{length_} * 0x9e3779b97f4a7c15ULL);
+  }
 
   friend bool operator==(const Self& a, const Self& b) {
     return a.address_ == b.address_ && a.length_ == b.length_;
@@ -146,7 +149,8 @@ class IpGenAddrWithMask : public AddressWithLength<IpGenAddrWithMask> {
   static constexpr const char* typeText = "IP address with mask";
 
   IpGenAddrWithMask() = default;
-  IpGenAddrWithMask(const IpGenAddr& address, unsigned length) : AddressWithLength(address, length) {}
+  IpGenAddrWithMask(const IpGenAddr& address, unsigned length)
+      : AddressWithLength(address, length) {}
 
   // The network that the address lies in.
   IpGenPrefix prefix() const;
@@ -160,7 +164,7 @@ class IpGenPrefix : public AddressWithLength<IpGenPrefix> {
   // Clears the host bits of address.
   IpGenPrefix(const IpGenAddr& address, unsigned length);
 
-  // True when address is of the same family and within the prefix.
+  // True when address lies within the prefix; never for another family.
   bool contains(const IpGenAddr& address) const noexcept;
 };
 

@@ -36,7 +36,9 @@ class SystemId : public Ipkit::TextValue<SystemId> {
   Kiln::String stringValue() const { return addr_.stringValue(); }
   std::size_t hash() const noexcept { return addr_.hash(); }
 
-  friend constexpr bool operator==(const SystemId& a, const SystemId& b) { return a.addr_ == b.addr_; }
+  friend constexpr bool operator==(const SystemId& a, const SystemId& b) {
+    return a.addr_ == b.addr_;
+  }
   friend constexpr std::strong_ordering operator<=>(const SystemId& a, const SystemId& b) {
     return a.addr_ <=> b.addr_;
   }

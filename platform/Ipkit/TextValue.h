@@ -11,8 +11,8 @@
 // form, and std::hash<T>.
 //
 // tryParse is the form for hot paths: a refusal costs no exception and no
-// allocation. For every
-// value v of T, T::parse(v.stringValue()) == v.
+// allocation, where parse spends microseconds on the throw. For every value
+// v of T, T::parse(v.stringValue()) == v.
 //
 // The base holds nothing and gives no comparison: each type states its own
 // equality and order.
@@ -51,7 +51,7 @@ class TextValue {
 }  // namespace Ipkit
 
 template <class T>
-  requires std::derived_from<T, Ipkit::TextValue<T>>
+requires std::derived_from<T, Ipkit::TextValue<T>>
 struct std::hash<T> {
   std::size_t operator()(const T& value) const noexcept { return value.hash(); }
 };

@@ -14,7 +14,6 @@
 // its offending input, a number its range.
 #pragma once
 
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -47,10 +46,7 @@ class BoundedNumber : public TextValue<Self> {
   }
   std::size_t hash() const noexcept { return detail::mixHash(value_); }
 
-  friend constexpr bool operator==(const Self& a, const Self& b) { return a.value_ == b.value_; }
-  friend constexpr std::strong_ordering operator<=>(const Self& a, const Self& b) {
-    return a.value_ <=> b.value_;
-  }
+  constexpr std::uint32_t key() const { return value_; }
 
  protected:
   constexpr explicit BoundedNumber(std::int64_t value) : value_(static_cast<std::uint32_t>(value)) {

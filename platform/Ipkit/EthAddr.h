@@ -10,7 +10,6 @@
 #pragma once
 
 #include <array>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -48,12 +47,7 @@ class EthAddr : public TextValue<EthAddr> {
   void formatTo(char* out) const noexcept;
   std::size_t hash() const noexcept;
 
-  friend constexpr bool operator==(const EthAddr& a, const EthAddr& b) {
-    return a.bytes_ == b.bytes_;
-  }
-  friend constexpr std::strong_ordering operator<=>(const EthAddr& a, const EthAddr& b) {
-    return a.bytes_ <=> b.bytes_;
-  }
+  constexpr const Bytes& key() const { return bytes_; }
 
  private:
   Bytes bytes_{};

@@ -66,9 +66,9 @@ std::optional<IntfId> IntfId::tryParse(std::string_view text) {
   return std::nullopt;
 }
 
-std::strong_ordering operator<=>(const IntfId& a, const IntfId& b) noexcept {
-  std::string_view x = a.name_;
-  std::string_view y = b.name_;
+std::strong_ordering operator<=>(NaturalText a, NaturalText b) noexcept {
+  std::string_view x = a.text_;
+  std::string_view y = b.text_;
   std::size_t i = 0;
   std::size_t j = 0;
   while (i < x.size() && j < y.size()) {

@@ -52,6 +52,20 @@ enum class IntfKind : std::uint8_t {
   vxlan,
 };
 
+// A text compared the way people read interface lists: runs of digits by
+// value, everything else by character. Texts compare equal only when they
+// are the same, provided that no number has a leading zero.
+class NaturalText {
+ public:
+  explicit NaturalText(std::string_view text) : text_(text) {}
+
+  friend bool operator==(NaturalText a, NaturalText b) { return a.text_ == b.text_; }
+  friend std::strong_ordering operator<=>(NaturalText a, NaturalText b) noexcept;
+
+ private:
+  std::string_view text_;
+};
+
 class IntfId : public TextValue<IntfId> {
  public:
   static constexpr const char* typeText = "interface name";
@@ -67,8 +81,7 @@ class IntfId : public TextValue<IntfId> {
   const Kiln::String& stringValue() const { return name_; }
   std::size_t hash() const noexcept { return name_.hash(); }
 
-  friend bool operator==(const IntfId& a, const IntfId& b) { return a.name_ == b.name_; }
-  friend std::strong_ordering operator<=>(const IntfId& a, const IntfId& b) noexcept;
+  NaturalText key() const { return NaturalText(name_); }
 
  private:
   IntfId(std::string_view name, IntfKind kind, bool subIntf)

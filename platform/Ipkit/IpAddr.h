@@ -17,7 +17,6 @@
 #pragma once
 
 #include <array>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -59,12 +58,7 @@ class IpAddr : public TextValue<IpAddr> {
   char* formatTo(char* out) const noexcept;
   std::size_t hash() const noexcept;
 
-  friend constexpr bool operator==(const IpAddr& a, const IpAddr& b) {
-    return a.value_ == b.value_;
-  }
-  friend constexpr std::strong_ordering operator<=>(const IpAddr& a, const IpAddr& b) {
-    return a.value_ <=> b.value_;
-  }
+  constexpr std::uint32_t key() const { return value_; }
 
  private:
   std::uint32_t value_ = 0;
@@ -108,12 +102,7 @@ class Ip6Addr : public TextValue<Ip6Addr> {
   char* formatTo(char* out) const noexcept;
   std::size_t hash() const noexcept;
 
-  friend constexpr bool operator==(const Ip6Addr& a, const Ip6Addr& b) {
-    return a.bytes_ == b.bytes_;
-  }
-  friend constexpr std::strong_ordering operator<=>(const Ip6Addr& a, const Ip6Addr& b) {
-    return a.bytes_ <=> b.bytes_;
-  }
+  constexpr const Bytes& key() const { return bytes_; }
 
  private:
   Bytes bytes_{};

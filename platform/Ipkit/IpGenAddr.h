@@ -76,12 +76,7 @@ class IpGenAddr : public TextValue<IpGenAddr> {
   char* formatTo(char* out) const noexcept;
   std::size_t hash() const noexcept;
 
-  friend constexpr bool operator==(const IpGenAddr& a, const IpGenAddr& b) {
-    return a.af_ == b.af_ && a.bytes_ == b.bytes_;
-  }
-  friend constexpr std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) {
-    return std::tie(a.af_, a.bytes_) <=> std::tie(b.af_, b.bytes_);
-  }
+  constexpr auto key() const { return std::tie(af_, bytes_); }
 
  private:
   AddressFamily af_ = AddressFamily::none;
@@ -122,12 +117,7 @@ class AddressWithLength : public TextValue<Self> {
     return address_.hash() ^ (std::size_t{length_} * 0x9e3779b97f4a7c15ULL);
   }
 
-  friend bool operator==(const Self& a, const Self& b) {
-    return a.address_ == b.address_ && a.length_ == b.length_;
-  }
-  friend std::strong_ordering operator<=>(const Self& a, const Self& b) {
-    return std::tie(a.address_, a.length_) <=> std::tie(b.address_, b.length_);
-  }
+  auto key() const { return std::tie(address_, length_); }
 
  protected:
   AddressWithLength() = default;

@@ -7,7 +7,6 @@
 // rather than for a switch.
 #pragma once
 
-#include <compare>
 #include <cstddef>
 #include <optional>
 #include <string_view>
@@ -36,12 +35,7 @@ class SystemId : public Ipkit::TextValue<SystemId> {
   Kiln::String stringValue() const { return addr_.stringValue(); }
   std::size_t hash() const noexcept { return addr_.hash(); }
 
-  friend constexpr bool operator==(const SystemId& a, const SystemId& b) {
-    return a.addr_ == b.addr_;
-  }
-  friend constexpr std::strong_ordering operator<=>(const SystemId& a, const SystemId& b) {
-    return a.addr_ <=> b.addr_;
-  }
+  constexpr const Ipkit::EthAddr& key() const { return addr_; }
 
  private:
   Ipkit::EthAddr addr_;

@@ -5,7 +5,8 @@
 //   static std::optional<T> tryParse(std::string_view);  // refuses by nullopt
 //   Kiln::String stringValue() const;        // or a const reference to one
 //   std::size_t hash() const noexcept;
-// and gets in return T::parse (which refuses with Kiln::RangeException
+//   constexpr auto key() const;              // what equality and order read
+// and gets in return equality and order from key(), T::parse (which refuses with Kiln::RangeException
 // 'invalid <typeText> "<text>"'), stringValueIs (which parses in place and
 // leaves the value untouched when it refuses), operator<< writing the text
 // form, and std::hash<T>.
@@ -14,10 +15,11 @@
 // allocation, where parse spends microseconds on the throw. For every value
 // v of T, T::parse(v.stringValue()) == v.
 //
-// The base holds nothing and gives no comparison: each type states its own
-// equality and order.
+// The base holds nothing. Deriving both equality and order from one key
+// keeps them consistent with each other; hash() must agree with them.
 #pragma once
 
+#include <compare>
 #include <concepts>
 #include <cstddef>
 #include <functional>
@@ -39,6 +41,9 @@ class TextValue {
   }
 
   void stringValueIs(std::string_view text) { static_cast<T&>(*this) = parse(text); }
+
+  friend constexpr bool operator==(const T& a, const T& b) { return a.key() == b.key(); }
+  friend constexpr auto operator<=>(const T& a, const T& b) { return a.key() <=> b.key(); }
 
   friend std::ostream& operator<<(std::ostream& os, const T& value) {
     return os << value.stringValue();

@@ -1,6 +1,7 @@
-// Owning handles and small helpers for the tests of the C layer over Open
-// vSwitch: every object the layer hands out is released by its handle, so a
-// failing assertion leaks nothing into the next test.
+// Helpers for the tests of the C layer over Open vSwitch. Every object the
+// layer hands out is held by an owning handle (those of Ovs/OvsHandles.h and
+// the connection handles here), so a failing assertion leaks nothing into the
+// next test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,39 +14,25 @@
 #include <memory>
 #include <string>
 
+#include "Ovs/OvsHandles.h"
 #include "ovsc.h"
 
 namespace Vgw::Test {
 
-struct JsonFree {
-  void operator()(json* j) const { json_destroy(j); }
-};
-struct RpcFree {
+using JsonPtr = Ovs::JsonPtr;
+using MsgPtr = Ovs::JsonRpcMsgPtr;
+using SchemaPtr = Ovs::SchemaPtr;
+using DatumPtr = Ovs::DatumPtr;
+using CString = Ovs::CString;
+
+struct RpcClose {
   void operator()(jsonrpc* r) const { ovsc_jsonrpc_close(r); }
 };
-struct MsgFree {
-  void operator()(jsonrpc_msg* m) const { ovsc_jsonrpc_msg_destroy(m); }
-};
-struct SchemaFree {
-  void operator()(ovsdb_schema* s) const { ovsc_ovsdb_schema_destroy(s); }
-};
-struct DatumFree {
-  void operator()(ovsc_datum* d) const { ovsc_datum_destroy(d); }
-};
-struct PstreamFree {
+struct PstreamClose {
   void operator()(pstream* p) const { ovsc_pstream_close(p); }
 };
-struct CFree {
-  void operator()(char* p) const { std::free(p); }
-};
-
-using JsonPtr = std::unique_ptr<json, JsonFree>;
-using RpcPtr = std::unique_ptr<jsonrpc, RpcFree>;
-using MsgPtr = std::unique_ptr<jsonrpc_msg, MsgFree>;
-using SchemaPtr = std::unique_ptr<ovsdb_schema, SchemaFree>;
-using DatumPtr = std::unique_ptr<ovsc_datum, DatumFree>;
-using PstreamPtr = std::unique_ptr<pstream, PstreamFree>;
-using CString = std::unique_ptr<char, CFree>;
+using RpcPtr = std::unique_ptr<jsonrpc, RpcClose>;
+using PstreamPtr = std::unique_ptr<pstream, PstreamClose>;
 
 inline constexpr uint8_t kDscp = 0x30;
 inline constexpr const char* kSchemaFile = "/usr/share/openvswitch/vtep.ovsschema";

@@ -46,8 +46,8 @@ class Uuid : public Ipkit::TextValue<Uuid> {
   Kiln::String hexText() const;
   std::size_t hash() const noexcept;
 
-  friend constexpr bool operator==(const Uuid& a, const Uuid& b) { return a.words_ == b.words_; }
-  friend constexpr std::strong_ordering operator<=>(const Uuid& a, const Uuid& b) { return a.words_ <=> b.words_; }
+  // Equality and order read the four words (Ipkit::TextValue).
+  constexpr const std::array<std::uint32_t, 4>& key() const { return words_; }
 
  private:
   std::array<std::uint32_t, 4> words_{};

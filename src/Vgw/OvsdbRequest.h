@@ -294,6 +294,9 @@ class OvsdbTransactRequest : public OvsdbRequest {
   bool processResult(const json& result) override;
 
  private:
+  // Removes from the mirror the tunnels that no physical switch refers to.
+  void sweepStaleTunnels();
+
   Kiln::String dbName_ = "hardware_vtep";
   std::map<OvsdbDataType, OpRequestColl> op_;
   Kiln::Ptr<HwVtepOvsdb> ovsdb_;

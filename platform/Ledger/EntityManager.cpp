@@ -63,7 +63,7 @@ void EntityManager::loadDocument(const Kiln::Json& document) {
   std::set<std::string, std::less<>> given;
   for (const auto& [where, json] : document.items()) {
     const Path path = Path::parse(where);
-    if (!path.empty()) store_->checkWrite(path, where, Writer::external);
+    store_->checkWrite(path, where, Writer::external);
     plans.push_back(store_->planEntity(path, where, json));
     if (!given.insert(path.text()).second) fail(where, "given twice in the document");
   }
@@ -84,13 +84,8 @@ Location EntityManager::locate(const Path& path, std::string_view where) const {
 
 Kiln::Json EntityManager::read(std::string_view path) const {
   const Location loc = locate(Path::parse(path), path);
-  switch (loc.kind) {
-    case Location::Kind::root: return loc.target->toJson();
-    case Location::Kind::attribute: return valueAt(*loc.owner, *loc.attr, nullptr);
-    case Location::Kind::entry:
-    case Location::Kind::member: return valueAt(*loc.owner, *loc.attr, &loc.key);
-  }
-  return {};
+  if (loc.kind == Location::Kind::root) return loc.target->toJson();
+  return valueAt(*loc.owner, *loc.attr, loc.kind == Location::Kind::attribute ? nullptr : &loc.key);
 }
 
 void EntityManager::write(std::string_view path, const Kiln::Json& json, Writer writer) {
@@ -98,25 +93,20 @@ void EntityManager::write(std::string_view path, const Kiln::Json& json, Writer 
   if (p.empty()) fail(path, "the root cannot be written; write below it");
   store_->checkWrite(p, path, writer);
   const Location loc = store_->resolve(p, path);
-  switch (loc.kind) {
-    case Location::Kind::entry:
-      if (!loc.exists && !store_->declaredType(p)) {
-        if (loc.interiorMissing) fail(path, loc.missing);
-        const auto& dir = static_cast<const Kiln::Dir&>(*loc.owner);
-        if (json.is_object() && !json.contains("@type") && !dir.entryType())
-          fail(path, loc.missing + "; give \"@type\" to create one");
-      }
-      store_->applyEntity(store_->planEntity(p, path, json));
-      return;
-    case Location::Kind::attribute:
-      if (loc.attr->kind == Kiln::AttrKind::key) fail(path, "is a key and cannot be changed");
-      if (!loc.attr->writable) fail(path, "is an index kept by the agent and cannot be written");
-      within(path, [&] { loc.attr->assignJson(*loc.owner, json); });
-      return;
-    case Location::Kind::member:
-      within(path, [&] { loc.attr->memberAssignJson(*loc.owner, loc.key, json); });
-      return;
-    case Location::Kind::root: return;
+  if (loc.kind == Location::Kind::entry) {
+    if (!loc.exists && !store_->declaredType(p)) {
+      if (loc.interiorMissing) fail(path, loc.missing);
+      const auto& dir = static_cast<const Kiln::Dir&>(*loc.owner);
+      if (json.is_object() && !json.contains("@type") && !dir.entryType())
+        fail(path, loc.missing + "; give \"@type\" to create one");
+    }
+    store_->applyEntity(store_->planEntity(p, path, json));
+  } else if (loc.kind == Location::Kind::member) {
+    within(path, [&] { loc.attr->memberAssignJson(*loc.owner, loc.key, json); });
+  } else {
+    if (loc.attr->kind == Kiln::AttrKind::key) fail(path, "is a key and cannot be changed");
+    if (!loc.attr->writable) fail(path, "is an index kept by the agent and cannot be written");
+    within(path, [&] { loc.attr->assignJson(*loc.owner, json); });
   }
 }
 
@@ -125,22 +115,16 @@ void EntityManager::remove(std::string_view path, Writer writer) {
   if (p.empty()) fail(path, "the root cannot be removed");
   store_->checkRemove(p, path, writer);
   const Location loc = locate(p, path);
-  switch (loc.kind) {
-    case Location::Kind::entry:
-      static_cast<Kiln::Dir&>(*loc.owner).deleteEntity(Kiln::Name(loc.key));
-      return;
-    case Location::Kind::member:
-      within(path, [&] { loc.attr->memberDel(*loc.owner, loc.key); });
-      return;
-    case Location::Kind::attribute:
-      if (loc.attr->kind == Kiln::AttrKind::child) {
-        loc.attr->assignJson(*loc.owner, Kiln::Json());
-        return;
-      }
-      if (isCollection(loc.attr->kind))
-        fail(path, "is a collection; remove its members one by one, or write {} to empty it");
-      fail(path, "is a single value; write it instead");
-    case Location::Kind::root: return;
+  if (loc.kind == Location::Kind::entry) {
+    static_cast<Kiln::Dir&>(*loc.owner).deleteEntity(Kiln::Name(loc.key));
+  } else if (loc.kind == Location::Kind::member) {
+    within(path, [&] { loc.attr->memberDel(*loc.owner, loc.key); });
+  } else if (loc.attr->kind == Kiln::AttrKind::child) {
+    loc.attr->assignJson(*loc.owner, Kiln::Json());
+  } else if (isCollection(loc.attr->kind)) {
+    fail(path, "is a collection; remove its members one by one, or write {} to empty it");
+  } else {
+    fail(path, "is a single value; write it instead");
   }
 }
 

@@ -71,10 +71,6 @@ std::string_view Path::prefix(std::size_t n) const {
   return n == 0 ? std::string_view() : std::string_view(text_).substr(0, ends_[n - 1]);
 }
 
-bool Path::covers(const Path& other) const {
-  return other.size() >= size() && other.prefix(size()) == text_;
-}
-
 std::string joinPath(std::string_view base, std::string_view segment) {
   std::string out(base);
   if (!out.empty()) out += '/';

@@ -42,9 +42,6 @@ class Path {
   const std::string& text() const { return text_; }
   std::string_view prefix(std::size_t n) const;
 
-  // True when `other` is this path or lies below it.
-  bool covers(const Path& other) const;
-
  private:
   void append(std::string segment);
   std::vector<std::string> segments_;

@@ -86,10 +86,8 @@ TEST_F(MountTest, aDeclaredPathIsCreatedWithItsDeclaredType) {
   EXPECT_TRUE(manager->getEntity<LedgerTest::SiteConfig>("vgw/config"));
   // A declaration that the mounted type is no kind of fails the group.
   RecordingMounter other;
-  auto group = mountAll(other, {Mount("vgw/other", "LedgerTest::Status", "r")});
-  EXPECT_EQ(group->status(), Ledger::mountSuccess);
   manager->pathTypeIs("vgw/late", LedgerTest::Config::typeInfo_);
-  group = mountAll(other, {Mount("vgw/late", "LedgerTest::Status", "r")});
+  auto group = mountAll(other, {Mount("vgw/late", "LedgerTest::Status", "r")});
   EXPECT_EQ(group->failureReason(), "vgw/late: is declared as a LedgerTest::Config, not a LedgerTest::Status");
 }
 

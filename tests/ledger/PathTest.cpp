@@ -40,13 +40,4 @@ TEST(Path, malformedPathsAreRefusedWithTheReason) {
             "a/%41: bad escape \"%41\" in segment \"%41\"; only %2F ('/') and %25 ('%') are escapes");
 }
 
-TEST(Path, coversItselfAndWhatLiesBelowOnlyBySegments) {
-  const Path a = Path::parse("fleet/cluster");
-  EXPECT_TRUE(a.covers(Path::parse("fleet/cluster")));
-  EXPECT_TRUE(a.covers(Path::parse("fleet/cluster/statusDir")));
-  EXPECT_FALSE(a.covers(Path::parse("fleet/clusterX")));
-  EXPECT_FALSE(a.covers(Path::parse("fleet")));
-  EXPECT_TRUE(Path().covers(a));
-}
-
 }  // namespace

@@ -82,10 +82,10 @@ class VgwTransaction : public ::testing::Test {
       auto mac = Kiln::newPtr<UcastMacsLocal>(genNamedUuid(), EthAddr::parse(text));
       mac->logicalSwitchIs(ls_);
       mac->locatorIs(locator->uuid());
+      if (inv.macs.empty()) mac->ipAddrIs(ip("10.1.1.5"));
       tx->opEnq(buildInsert(mac));
       inv.macs.push_back(mac);
     }
-    inv.macs[0]->ipAddrIs(ip("10.1.1.5"));
 
     const Kiln::Ptr<const PhysicalLocatorSet> set =
         getPhysicalLocatorSet(*ovsdb_, {ip("10.0.0.1"), ip("10.0.0.2")}, *tx);

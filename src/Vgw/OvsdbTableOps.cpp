@@ -256,7 +256,9 @@ void PhysicalSwitchOp::processDeleteResp(const Kiln::Ptr<OpDeleteRequest>& op) c
     return;
   }
   ovsdb.physicalSwitchDel(row->displayName());
-  localData().physicalSwitchDel(switchKey(*row));
+  // Only a switch this agent wrote carries its fabric identity; one read
+  // from the database was never indexed by it.
+  if (!row->mlagSystemId().isZero() || row->systemId().size() == 1) localData().physicalSwitchDel(switchKey(*row));
 }
 
 // ---- Physical_Port -------------------------------------------------------------

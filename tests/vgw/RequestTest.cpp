@@ -77,6 +77,26 @@ TEST_F(VgwTransactReply, DeleteCountIsCheckedOnlyWhenExpected) {
                literally("Delete should only affect 1 row"));
 }
 
+TEST_F(VgwTransactReply, DeletesTolerateRowsGoneOrReadFromTheDatabase) {
+  // A switch of an earlier run, read from the database, has no fabric identity.
+  auto earlier = ovsdb_->physicalSwitchRawIs(realUuid(1));
+  earlier->displayNameIs("leaf9");
+  ovsdb_->physicalSwitchIs("leaf9", earlier);
+  ovsdb_->tunnelRawIs(realUuid(2));
+  TraceCapture trace("OvsdbTableOps/6");
+  auto tx = transaction({buildDelete(realUuid(1), OvsdbDataType::physicalSwitch),
+                         buildDelete(realUuid(3), OvsdbDataType::physicalSwitch),
+                         buildDelete(realUuid(4), OvsdbDataType::manager),
+                         buildDelete(realUuid(2), OvsdbDataType::tunnel)});
+  EXPECT_TRUE(tx->processResult(*parseJson(R"([{"count": 1}, {"count": 1}, {"count": 1}, {"count": 1}])")));
+  EXPECT_TRUE(ovsdb_->physicalSwitchRaw().empty());
+  EXPECT_TRUE(ovsdb_->physicalSwitch().empty());
+  EXPECT_TRUE(trace.contains(" return Physical Switch already deleted"));
+  EXPECT_TRUE(trace.contains(" return Manager already deleted"));
+  // The tunnel goes only because no switch names it any more.
+  EXPECT_TRUE(ovsdb_->tunnelRaw().empty());
+}
+
 TEST_F(VgwTransactReply, RepliesThatContradictTheRequestAssert) {
   EXPECT_DEATH(transaction({portInsert()})->processResult(*parseJson("[]")), literally("array size is zero"));
   EXPECT_DEATH(transaction({portInsert()})->processResult(*parseJson(R"([{"uuid": ["uuid"]}])")),

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <regex>
 #include <set>
 #include <string>
 #include <string_view>
@@ -35,6 +34,17 @@ std::uint32_t oneAtATime(std::string_view text) {
 
 std::string text(const Uuid& u) { return u.stringValue().stringValue(); }
 
+// What the server takes as a "uuid-name": a letter or underscore, then
+// letters, digits and underscores.
+bool isIdentifier(std::string_view s) {
+  auto letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
+  if (s.empty() || !letter(s[0])) return false;
+  for (char c : s) {
+    if (!letter(c) && !(c >= '0' && c <= '9')) return false;
+  }
+  return true;
+}
+
 TEST(Uuid, aRealUuidPrintsInTheDashedFormAndParsesBack) {
   const Uuid u(0x0123abcd, 0x4567cdef, 0x89ab0123, 0xfedc4567);
   EXPECT_EQ(text(u), "0123abcd-4567-cdef-89ab-0123fedc4567");
@@ -63,17 +73,17 @@ TEST(Uuid, malformedTextIsRefused) {
 }
 
 TEST(Uuid, aNamedUuidPrintsAsAnIdentifierTheServerAcceptsAndParsesBack) {
-  const std::regex identifier("[A-Za-z_][A-Za-z0-9_]*");
   const Uuid fixed(0xdeadbeef, 0x01234567, 0x7fffffff, 0x00000001);
   ASSERT_TRUE(fixed.isNamed());
-  EXPECT_TRUE(std::regex_match(text(fixed), identifier)) << text(fixed);
+  ASSERT_FALSE(isIdentifier(text(Uuid(0xdeadbeef, 0x01234567, 0xffffffff, 0x00000001))));
+  EXPECT_TRUE(isIdentifier(text(fixed))) << text(fixed);
   EXPECT_EQ(Uuid::parse(text(fixed)), fixed);
   // The dashed form of a placeholder still reads back.
   EXPECT_EQ(Uuid::parse(fixed.hexText().stringValue()), fixed);
 
   for (int i = 0; i < 200; ++i) {
     const Uuid named = Vgw::genNamedUuid();
-    ASSERT_TRUE(std::regex_match(text(named), identifier)) << text(named);
+    ASSERT_TRUE(isIdentifier(text(named))) << text(named);
     ASSERT_EQ(Uuid::parse(text(named)), named);
   }
 }

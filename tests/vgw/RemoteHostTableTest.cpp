@@ -37,28 +37,23 @@ class AnswerLog : public RemoteHostTable::NotifieeConst {
   bool alwaysBacked = true;
 
   void onMacVtep(const EthAddr& key) override {
-    const bool present = notifier()->macVtep().contains(key);
-    if (present) {
-      auto refs = notifier()->macVtepRef(key);
-      alwaysBacked = alwaysBacked && refs && !refs->ucastMacsRemoteRef().empty();
-    }
-    seen.push_back(std::string(present ? "+mac " : "-mac ") + key.stringValue().stringValue());
+    auto refs = notifier()->macVtepRef(key);
+    note("mac ", key, notifier()->macVtep().contains(key), refs && !refs->ucastMacsRemoteRef().empty());
   }
   void onMacVtepList(const EthAddr& key) override {
-    const bool present = notifier()->macVtepList().contains(key);
-    if (present) {
-      auto refs = notifier()->macVtepListRef(key);
-      alwaysBacked = alwaysBacked && refs && !refs->mcastMacsRemoteRef().empty();
-    }
-    seen.push_back(std::string(present ? "+list " : "-list ") + key.stringValue().stringValue());
+    auto refs = notifier()->macVtepListRef(key);
+    note("list ", key, notifier()->macVtepList().contains(key), refs && !refs->mcastMacsRemoteRef().empty());
   }
   void onIpToMac(const IpGenAddr& key) override {
-    const bool present = notifier()->ipToMac().contains(key);
-    if (present) {
-      auto refs = notifier()->ipToMacRef(key);
-      alwaysBacked = alwaysBacked && refs && !refs->ucastMacsRemoteRef().empty();
-    }
-    seen.push_back(std::string(present ? "+ip " : "-ip ") + key.stringValue().stringValue());
+    auto refs = notifier()->ipToMacRef(key);
+    note("ip ", key, notifier()->ipToMac().contains(key), refs && !refs->ucastMacsRemoteRef().empty());
+  }
+
+ private:
+  template <class Key>
+  void note(const char* answer, const Key& key, bool present, bool backed) {
+    if (present) alwaysBacked = alwaysBacked && backed;
+    seen.push_back((present ? "+" : "-") + std::string(answer) + key.stringValue().stringValue());
   }
 };
 

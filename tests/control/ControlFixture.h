@@ -1,0 +1,188 @@
+// What the control socket tests share: a state store of real entity types, a
+// control server listening in a temporary directory, and clients on real
+// sockets. Everything runs in the test's thread: a client that waits for an
+// answer turns the event loop meanwhile, up to a few seconds of real time,
+// so a lost reply fails the test instead of hanging it.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "Kiln/EventLoop.h"
+#include "Kiln/Log.h"
+#include "Ledger/ControlServer.h"
+#include "Ledger/EntityManager.h"
+#include "entities/Fleet.h"
+#include "entities/OverlaySvc.h"
+
+namespace ControlTest {
+
+using Kiln::Json;
+
+// Turns the loop until `done` holds; false when a few seconds pass first.
+inline bool runUntil(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    Kiln::EventLoop::current().runOnce(0.005);
+  }
+  return true;
+}
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "vgw-control-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+  }
+  ~TempDir() { std::filesystem::remove_all(path_); }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// A client as any program would write it, on a non-blocking socket so that
+// it never stalls the loop it shares with the server.
+class TestClient {
+ public:
+  explicit TestClient(const std::string& path) {
+    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    connected_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;  // NOLINT
+  }
+  ~TestClient() { close(); }
+  TestClient(const TestClient&) = delete;
+  TestClient& operator=(const TestClient&) = delete;
+
+  bool connected() const { return connected_; }
+
+  // Writes all of `bytes`, turning the loop while the socket is full.
+  bool write(std::string_view bytes) {
+    return runUntil([&] {
+      while (!bytes.empty()) {
+        const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (n < 0) return errno != EAGAIN;  // a hard error ends the wait; the reply check fails
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+      }
+      return true;
+    });
+  }
+  bool send(const Json& request) { return write(request.dump() + "\n"); }
+
+  // The next line from the server without its newline; nothing at the end
+  // of the stream or when none comes in time.
+  std::optional<std::string> line() {
+    std::optional<std::string> result;
+    runUntil([&] {
+      const bool more = fill();
+      if (const auto newline = input_.find('\n'); newline != std::string::npos) {
+        result = input_.substr(0, newline);
+        input_.erase(0, newline + 1);
+        return true;
+      }
+      return !more;
+    });
+    return result;
+  }
+
+  Json message() {
+    const std::optional<std::string> text = line();
+    return text ? Json::parse(*text) : Json("no reply");
+  }
+
+  Json call(const Json& request) {
+    send(request);
+    return message();
+  }
+
+  // True when the server closes the connection (after whatever it sent).
+  bool closedByServer() {
+    runUntil([&] { return !fill(); });
+    return eof_;
+  }
+
+  void shutdownWrite() { shutdown(fd_, SHUT_WR); }
+  void close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+  int fd() const { return fd_; }
+
+ private:
+  // Reads what is there; false at the end of the stream.
+  bool fill() {
+    char buffer[65536];
+    for (;;) {
+      const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+      if (n > 0) {
+        input_.append(buffer, static_cast<std::size_t>(n));
+        continue;
+      }
+      if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
+      eof_ = true;
+      return false;
+    }
+  }
+
+  int fd_ = -1;
+  bool connected_ = false;
+  bool eof_ = false;
+  std::string input_;
+};
+
+class ControlFixture : public testing::Test {
+ protected:
+  ControlFixture() {
+    Kiln::logSyslogIs(false);
+    Kiln::logStreamIs(&logged);
+    manager->loadDocument(Json::parse(R"({
+      "fleet/config": {"@type": "FleetStore::Config", "enabled": true},
+      "fleet/cluster/statusDir": {"@type": "FleetCluster::ClusterStatusDir",
+                                  "status": {"default": {"isStandaloneOrLeader": true}}},
+      "overlaysvc/version2/errorStatus": {"@type": "OverlaySvc::ErrorStatusV2", "genericError": {"e1": "down"}}
+    })"));
+    restart({});
+  }
+  ~ControlFixture() override {
+    server.reset();
+    Kiln::logStreamIs(nullptr);
+    Kiln::logSyslogIs(true);
+  }
+
+  void restart(const Ledger::ControlServerLimits& limits) {
+    server.reset();
+    server = std::make_unique<Ledger::ControlServer>(manager, limits);
+    server->listen(socketPath);
+  }
+
+  Kiln::Json everything() const { return manager->read(""); }
+
+  Kiln::ScopedEventLoop scoped;
+  TempDir dir;
+  std::string socketPath = dir.path() + "/run/vgw/ctl.sock";
+  std::ostringstream logged;
+  Kiln::Ptr<Ledger::Store> store = Kiln::newPtr<Ledger::Store>();
+  Kiln::Ptr<Ledger::EntityManager> manager = Kiln::newPtr<Ledger::EntityManager>(store);
+  std::unique_ptr<Ledger::ControlServer> server;
+};
+
+}  // namespace ControlTest

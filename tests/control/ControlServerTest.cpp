@@ -1,0 +1,297 @@
+// The control socket on a real socket: each operation, requests that are
+// wrong in every way a client can get them wrong, lines that arrive in
+// pieces or together, the bounds on request size and unread output, writes
+// refused for what the agent owns, watches that stream and end, and many
+// clients at once.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <string>
+#include <vector>
+
+#include "ControlFixture.h"
+
+namespace {
+
+using ControlTest::ControlFixture;
+using ControlTest::runUntil;
+using ControlTest::TestClient;
+using Kiln::Json;
+
+class ControlServerTest : public ControlFixture {
+ protected:
+  Json ok(const Json& id, const Json& value) { return {{"id", id}, {"ok", true}, {"value", value}}; }
+
+  // The error text of a reply, or what the reply was when it is no error.
+  static std::string errorOf(const Json& reply) {
+    return reply.value("ok", true) ? "no error: " + reply.dump() : reply.value("error", std::string());
+  }
+};
+
+class RecordingMounter : public Ledger::Mounter {
+ public:
+  void doMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager>) override { statuses.push_back(status); }
+  std::vector<Ledger::MountStatus> statuses;
+};
+
+TEST_F(ControlServerTest, everyOperationReachesTheStore) {
+  TestClient client(socketPath);
+  ASSERT_TRUE(client.connected());
+  EXPECT_EQ(client.call({{"op", "get"}, {"path", "fleet/config"}, {"id", 1}}), ok(1, {{"enabled", true}}));
+
+  EXPECT_EQ(client.call({{"op", "set"}, {"path", "fleet/config/enabled"}, {"value", false}, {"id", "s"}}), ok("s", nullptr));
+  auto config = manager->getEntity<FleetStore::Config>("fleet/config");
+  EXPECT_FALSE(config->enabled());
+
+  // A member, then a whole entity replaced at once.
+  client.call({{"op", "set"}, {"path", "overlaysvc/version2/errorStatus/genericError/e2"}, {"value", "flapping"}});
+  auto errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
+  EXPECT_EQ(errors->genericError("e2"), "flapping");
+  client.call({{"op", "set"}, {"path", "fleet/config"}, {"value", {{"enabled", true}}}});
+  EXPECT_TRUE(config->enabled());
+
+  EXPECT_EQ(client.call({{"op", "list"}, {"path", "overlaysvc/version2/errorStatus/genericError"}}),
+            ok(nullptr, {"e1", "e2"}));
+  EXPECT_EQ(client.call({{"op", "list"}, {"path", ""}, {"id", {{"nested", true}}}}),
+            ok({{"nested", true}}, {"fleet", "overlaysvc"}));
+
+  EXPECT_EQ(client.call({{"op", "del"}, {"path", "overlaysvc/version2/errorStatus/genericError/e1"}}), ok(nullptr, nullptr));
+  EXPECT_EQ(errors->genericError().size(), 1u);
+
+  const Json document = {{"fleet/status", {{"@type", "FleetStore::Status"}, {"enabled", false}}},
+                         {"fleet/config", {{"enabled", false}}}};
+  EXPECT_EQ(client.call({{"op", "load"}, {"document", document}}), ok(nullptr, nullptr));
+  EXPECT_FALSE(config->enabled());
+  EXPECT_EQ(client.call({{"op", "get"}, {"path", "fleet/status/enabled"}}), ok(nullptr, false));
+}
+
+TEST_F(ControlServerTest, addedOperationsAnswerAndRefuseLikeBuiltIns) {
+  server->opIs("show", [](const Json& request) -> Json {
+    if (request.contains("section")) throw Kiln::JsonError("section", "no such section");
+    return {{"session", {{"sessionState", "stateConnected"}}}};
+  });
+  TestClient client(socketPath);
+  EXPECT_EQ(client.call({{"op", "show"}, {"id", 7}}), ok(7, {{"session", {{"sessionState", "stateConnected"}}}}));
+  EXPECT_EQ(errorOf(client.call({{"op", "show"}, {"section", "x"}})), "section: no such section");
+  server->opIs("show", nullptr);
+  EXPECT_EQ(errorOf(client.call({{"op", "show"}})),
+            "unknown op \"show\"; the ops are get, set, del, load, list, watch, unwatch");
+}
+
+TEST_F(ControlServerTest, badRequestsGetAnErrorNamingTheProblemAndChangeNothing) {
+  const Json before = everything();
+  TestClient client(socketPath);
+  const std::string deep = std::string(1000, '[') + std::string(1000, ']');
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"garbage", "not JSON: "},
+      {"{\"op\": \"get\", \"path\": \"fleet\"} trailing", "not JSON: "},
+      {"[1, 2]", "a request is a JSON object, got an array"},
+      {"{}", "missing member \"op\""},
+      {R"({"op": 5})", "member \"op\" must be a string, got the integer 5"},
+      {R"({"op": "frobnicate"})", "unknown op \"frobnicate\"; the ops are get, set"},
+      {R"({"op": "get"})", "missing member \"path\""},
+      {R"({"op": "get", "path": ["fleet"]})", "member \"path\" must be a string, got an array"},
+      {R"({"op": "get", "path": "fleet//config"})", "fleet//config: "},
+      {R"({"op": "get", "path": "nowhere/at/all"})", "nowhere/at/all: no entry \"nowhere\" in the root"},
+      {R"({"op": "set", "path": "fleet/config/enabled"})", "missing member \"value\""},
+      {R"({"op": "set", "path": "fleet/config/enabled", "value": "yes"})",
+       "fleet/config/enabled: expected true or false, got the string \"yes\""},
+      {R"({"op": "set", "path": "fleet/config/speed", "value": 1})", "no attribute \"speed\""},
+      {R"({"op": "del", "path": "fleet/config/enabled"})", "is a single value; write it instead"},
+      {R"({"op": "load", "document": {"fleet/config": {"enabled": 1}}})", "fleet/config/enabled: expected true or false"},
+      {R"({"op": "unwatch", "path": "fleet"})", "fleet: not watched on this connection"},
+      {deep, "nested deeper than 128 levels"},
+  };
+  for (const auto& [request, expected] : cases) {
+    ASSERT_TRUE(client.write(request + "\n"));
+    const Json reply = client.message();
+    EXPECT_EQ(reply.value("id", Json("missing")), nullptr) << request;
+    EXPECT_NE(errorOf(reply).find(expected), std::string::npos) << request << " -> " << reply.dump();
+  }
+  EXPECT_EQ(everything(), before);
+  // Blank lines and CRLF endings are no requests; the connection still serves.
+  client.write("\n  \r\n{\"op\": \"get\", \"path\": \"fleet/config/enabled\", \"id\": 9}\r\n");
+  EXPECT_EQ(client.message(), ok(9, true));
+  EXPECT_EQ(server->connections(), 1u);
+}
+
+TEST_F(ControlServerTest, linesMayArriveInPiecesOrManyAtOnce) {
+  TestClient client(socketPath);
+  client.write(R"({"op": "get", "pa)");
+  Kiln::EventLoop::current().runOnce(0.01);
+  client.write(R"(th": "fleet/config/enabled", "id": 1})");
+  Kiln::EventLoop::current().runOnce(0.01);
+  client.write("\n{\"op\": \"list\", \"path\": \"fleet\", \"id\": 2}\n{\"op\": \"get\", \"path\": \"fle");
+  EXPECT_EQ(client.message(), ok(1, true));
+  EXPECT_EQ(client.message(), ok(2, {"cluster", "config"}));
+  // The last request may come without its newline when the client closes its side.
+  client.write("et/config\", \"id\": 3}");
+  client.shutdownWrite();
+  EXPECT_EQ(client.message(), ok(3, {{"enabled", true}}));
+  EXPECT_TRUE(client.closedByServer());
+  EXPECT_TRUE(runUntil([&] { return server->connections() == 0; }));
+}
+
+TEST_F(ControlServerTest, aClientThatReadsLateLosesNoReply) {
+  // The server stops reading requests while a few kilobytes of replies wait,
+  // and takes them up again as the client reads.
+  restart({.maxRequestBytes = 1 << 20, .maxPendingOutputBytes = 1 << 20, .readPauseBytes = 4096});
+  auto errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
+  errors->genericErrorIs("e1", std::string(1000, 'x'));
+  TestClient client(socketPath);
+  std::string requests;
+  for (int i = 0; i < 300; ++i) requests += Json({{"op", "get"}, {"path", "overlaysvc/version2/errorStatus"}, {"id", i}}).dump() + "\n";
+  ASSERT_TRUE(client.write(requests));
+  client.shutdownWrite();
+  for (int i = 0; i < 20; ++i) Kiln::EventLoop::current().runOnce(0.001);
+  for (int i = 0; i < 300; ++i) {
+    const Json reply = client.message();
+    ASSERT_EQ(reply.value("id", Json()), i);
+    EXPECT_EQ(reply["value"]["genericError"]["e1"].get<std::string>().size(), 1000u);
+  }
+  EXPECT_TRUE(client.closedByServer());
+}
+
+TEST_F(ControlServerTest, anOversizeLineIsRefusedAndItsConnectionClosed) {
+  restart({.maxRequestBytes = 1024});
+  const std::string refusal = "request line longer than 1024 bytes; closing the connection";
+  {
+    TestClient unterminated(socketPath);
+    unterminated.write(std::string(3000, ' '));
+    const Json reply = unterminated.message();
+    EXPECT_EQ(reply, Json({{"id", nullptr}, {"ok", false}, {"error", refusal}}));
+    EXPECT_TRUE(unterminated.closedByServer());
+  }
+  {
+    TestClient terminated(socketPath);
+    const std::string big = Json({{"op", "get"}, {"path", std::string(2000, 'a')}}).dump();
+    terminated.write(R"({"op": "get", "path": "fleet/config/enabled", "id": 1})" "\n" + big + "\n");
+    EXPECT_EQ(terminated.message(), ok(1, true));
+    EXPECT_EQ(errorOf(terminated.message()), refusal);
+    EXPECT_TRUE(terminated.closedByServer());
+  }
+  TestClient next(socketPath);
+  EXPECT_EQ(next.call({{"op", "get"}, {"path", "fleet/config/enabled"}}), ok(nullptr, true));
+}
+
+TEST_F(ControlServerTest, writesToWhatTheAgentOwnsAreRefused) {
+  RecordingMounter agent;
+  auto group = manager->getMountGroup(&agent);
+  group->doMount(Ledger::Mount("vgw/version2/ofcStateClientView", "OverlaySvc::OfcStateClientViewV2", "w"));
+  group->doMount(Ledger::Mount("vgw/version2/vniStatusDir", "OverlaySvc::VniStatusDirV2", "wi"));
+  group->doMount(Ledger::Mount("fleet/config", "FleetStore::Config", "r"));
+  group->doClose(false, "", 0.0);
+  ASSERT_TRUE(runUntil([&] { return !agent.statuses.empty(); }));
+  const Json before = everything();
+
+  TestClient client(socketPath);
+  const std::string owned = "owned by the agent";
+  EXPECT_NE(errorOf(client.call({{"op", "set"},
+                                 {"path", "vgw/version2/ofcStateClientView/convergenceInProgress"},
+                                 {"value", true}}))
+                .find("vgw/version2/ofcStateClientView/convergenceInProgress: " + owned),
+            std::string::npos);
+  EXPECT_NE(errorOf(client.call({{"op", "set"}, {"path", "vgw/version2/vniStatusDir"}, {"value", Json::object()}})).find(owned),
+            std::string::npos);
+  EXPECT_NE(errorOf(client.call({{"op", "del"}, {"path", "vgw/version2/vniStatusDir"}})).find("mounted"),
+            std::string::npos);
+  EXPECT_NE(errorOf(client.call({{"op", "load"},
+                                 {"document", {{"vgw/version2/ofcStateClientView", {{"convergenceInProgress", true}}}}}}))
+                .find(owned),
+            std::string::npos);
+  EXPECT_EQ(everything(), before);
+  // What the agent only reads stays the operator's to write.
+  EXPECT_EQ(client.call({{"op", "set"}, {"path", "fleet/config/enabled"}, {"value", false}}), ok(nullptr, nullptr));
+}
+
+TEST_F(ControlServerTest, watchesStreamChangesFromEveryWriterUntilUnwatched) {
+  TestClient watcher(socketPath);
+  TestClient writer(socketPath);
+  EXPECT_EQ(watcher.call({{"op", "watch"}, {"path", "fleet"}, {"id", "w1"}}), ok("w1", nullptr));
+  EXPECT_EQ(watcher.call({{"op", "watch"}, {"path", "overlaysvc/version2/errorStatus/genericError"}, {"id", "w2"}}),
+            ok("w2", nullptr));
+  EXPECT_EQ(server->watches(), 2u);
+
+  writer.call({{"op", "set"}, {"path", "fleet/config/enabled"}, {"value", false}});
+  EXPECT_EQ(watcher.message(), Json({{"id", "w1"}, {"event", "change"}, {"path", "fleet/config/enabled"}, {"value", false}}));
+  // The agent's own writes stream the same way.
+  manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus")->genericErrorIs("e1", "up");
+  EXPECT_EQ(watcher.message(),
+            Json({{"id", "w2"}, {"event", "change"}, {"path", "overlaysvc/version2/errorStatus/genericError/e1"}, {"value", "up"}}));
+  writer.call({{"op", "del"}, {"path", "fleet/cluster/statusDir/status/default"}});
+  EXPECT_EQ(watcher.message(),
+            Json({{"id", "w1"}, {"event", "change"}, {"path", "fleet/cluster/statusDir/status/default"}, {"value", nullptr}}));
+
+  EXPECT_NE(errorOf(watcher.call({{"op", "watch"}, {"path", "fleet"}})).find("fleet: already watched"), std::string::npos);
+  EXPECT_NE(errorOf(watcher.call({{"op", "watch"}, {"path", "fleet/nothing"}})).find("no entry \"nothing\""),
+            std::string::npos);
+  EXPECT_EQ(watcher.call({{"op", "unwatch"}, {"path", "fleet"}, {"id", "u"}}), ok("u", nullptr));
+  writer.call({{"op", "set"}, {"path", "fleet/config/enabled"}, {"value", true}});
+  writer.call({{"op", "set"}, {"path", "overlaysvc/version2/errorStatus/genericError/e1"}, {"value", "down"}});
+  // Only the change under the remaining watch arrives.
+  EXPECT_EQ(watcher.message()["path"], "overlaysvc/version2/errorStatus/genericError/e1");
+  EXPECT_EQ(watcher.call({{"op", "get"}, {"path", "fleet/config/enabled"}}), ok(nullptr, true));
+}
+
+TEST_F(ControlServerTest, aClientClosingMidWatchTakesItsWatchesAlong) {
+  auto config = manager->getEntity<FleetStore::Config>("fleet/config");
+  const std::size_t reactorsBefore = config->notifieeCount();
+  {
+    TestClient watcher(socketPath);
+    watcher.call({{"op", "watch"}, {"path", "fleet/config"}});
+    watcher.call({{"op", "watch"}, {"path", "fleet"}});
+    EXPECT_GT(config->notifieeCount(), reactorsBefore);
+    config->enabledIs(false);  // output on its way while the client goes
+  }
+  ASSERT_TRUE(runUntil([&] { return server->connections() == 0; }));
+  EXPECT_EQ(server->watches(), 0u);
+  EXPECT_EQ(config->notifieeCount(), reactorsBefore);
+  config->enabledIs(true);
+  TestClient next(socketPath);
+  EXPECT_EQ(next.call({{"op", "get"}, {"path", "fleet/config/enabled"}}), ok(nullptr, true));
+}
+
+TEST_F(ControlServerTest, aWatcherThatDoesNotReadIsDisconnectedWithALogLine) {
+  restart({.maxPendingOutputBytes = 64 * 1024});
+  TestClient sleeper(socketPath);
+  sleeper.call({{"op", "watch"}, {"path", "overlaysvc"}});
+  auto errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
+  // Far more than the socket buffers and the bound together hold.
+  for (int i = 0; i < 20000 && server->connections() > 0; ++i) {
+    errors->genericErrorIs("e1", std::to_string(i) + std::string(1000, 'x'));
+    Kiln::EventLoop::current().runOnce(0);
+  }
+  EXPECT_EQ(server->connections(), 0u);
+  EXPECT_NE(logged.str().find("KXT_CONTROL_CLIENT_DROPPED"), std::string::npos) << logged.str();
+  EXPECT_NE(logged.str().find("more than 65536 bytes of watched changes unread"), std::string::npos);
+  EXPECT_TRUE(sleeper.closedByServer());
+  TestClient next(socketPath);
+  EXPECT_EQ(next.call({{"op", "get"}, {"path", "fleet/config/enabled"}}), ok(nullptr, true));
+}
+
+TEST_F(ControlServerTest, aClientVanishingMidReplyIsForgotten) {
+  auto errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
+  for (int i = 0; i < 2000; ++i) errors->genericErrorIs("e" + std::to_string(i), std::string(1000, 'x'));
+  {
+    TestClient client(socketPath);
+    client.send(Json({{"op", "get"}, {"path", ""}}));
+    ASSERT_TRUE(runUntil([&] { return server->connections() == 1; }));
+    Kiln::EventLoop::current().runOnce(0.01);
+  }
+  EXPECT_TRUE(runUntil([&] { return server->connections() == 0; }));
+}
+
+TEST_F(ControlServerTest, manyClientsAreServedTogether) {
+  std::vector<std::unique_ptr<TestClient>> clients;
+  for (int i = 0; i < 60; ++i) {
+    clients.push_back(std::make_unique<TestClient>(socketPath));
+    ASSERT_TRUE(clients.back()->connected());
+    clients.back()->send(Json({{"op", "set"}, {"path", "overlaysvc/version2/errorStatus/genericError/c" + std::to_string(i)},
+                               {"value", "client"}, {"id", i}}));
+  }
+  for (int i = 0; i < 60; ++i) EXPECT_EQ(clients[static_cast<std::size_t>(i)]->message(), ok(i, nullptr));
+  EXPECT_EQ(server->connections(), 60u);
+  EXPECT_EQ(manager->list("overlaysvc/version2/errorStatus/genericError").size(), 61u);
+}
+
+}  // namespace

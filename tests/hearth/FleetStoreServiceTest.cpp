@@ -1,0 +1,243 @@
+// The service layer on its own: white lists, declarations refused at the
+// call that makes them, directories checked all or nothing before any is
+// made, switches followed by the publish mounts, and a mounter that goes
+// before its events.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Hearth/FleetStoreService.h"
+#include "Kiln/EventLoop.h"
+#include "Kiln/Log.h"
+#include "entities/Fleet.h"
+#include "entities/OverlaySvc.h"
+
+namespace {
+
+using Kiln::Json;
+
+const char* const controllerRoot = "interface/status/vxlan/errorStatus/version2/ofc";
+const char* const switches = "interface/status/vxlan/errorStatus/version2/ofc/switch";
+const char* const publishDir = "overlaysvc/version2/input/dynVtepConfig/vgw/switch";
+
+class Mounter final : public Fleet::FleetStoreServiceMounter {
+ public:
+  void doMountsComplete(Kiln::String group, Kiln::Ptr<Ledger::EntityManager>) override {
+    events.push_back("complete " + group.stringValue());
+  }
+  void doInitialSwitchMountsComplete(Kiln::String group, Kiln::Ptr<Ledger::EntityManager>) override {
+    events.push_back("initial " + group.stringValue());
+  }
+  void doHandleControllerMountState(Kiln::String, Kiln::String switchPath, Kiln::String switchName,
+                                    bool mounted) override {
+    events.push_back((mounted ? "+" : "-") + switchName.stringValue() + " at " + switchPath.stringValue());
+  }
+  std::vector<std::string> events;
+};
+
+class FleetStoreServiceTest : public testing::Test {
+ protected:
+  FleetStoreServiceTest() {
+    Kiln::logSyslogIs(false);
+    Kiln::logStreamIs(&logged);
+    whiteList->allowedVersionIs(2, true);
+  }
+  ~FleetStoreServiceTest() override {
+    Kiln::logStreamIs(nullptr);
+    Kiln::logSyslogIs(true);
+  }
+
+  Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> group(const char* name = "mg1", const char* flags = "rct") {
+    auto g = service->serviceMountGroupIs(name, &mounter);
+    g->versionWhiteListIs(whiteList);
+    g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", flags);
+    g->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2");
+    return g;
+  }
+
+  template <class Fn>
+  static std::string errorOf(Fn fn) {
+    try {
+      fn();
+    } catch (const Fleet::ServiceError& e) {
+      return e.what();
+    }
+    return "no error";
+  }
+
+  void turns(int n) {
+    for (int i = 0; i < n; ++i) scoped.loop().runOnce(0);
+  }
+
+  Kiln::ScopedEventLoop scoped;
+  std::ostringstream logged;
+  Kiln::Ptr<Ledger::Store> store = Kiln::newPtr<Ledger::Store>();
+  Kiln::Ptr<Ledger::EntityManager> manager = Kiln::newPtr<Ledger::EntityManager>(store);
+  Kiln::Ptr<Ledger::EntityManager> local = Kiln::newPtr<Ledger::EntityManager>(store);
+  Kiln::Ptr<Fleet::FleetStoreService> service = Kiln::newPtr<Fleet::FleetStoreService>("Vgw", manager, local);
+  Kiln::Ptr<Fleet::VersionWhiteListBase> whiteList = service->versionWhiteListIs("v2");
+  Mounter mounter;
+};
+
+TEST_F(FleetStoreServiceTest, aWhiteListRecordsTheVersionsItAdmits) {
+  EXPECT_EQ(service->versionWhiteListIs("v2"), whiteList);
+  whiteList->allowedVersionIs(3, true);
+  whiteList->allowedVersionIs(2, false);
+  EXPECT_FALSE(whiteList->allowedVersion(2));
+  EXPECT_TRUE(whiteList->allowedVersion(3));
+  EXPECT_EQ(whiteList->allowedVersions(), std::set<std::uint32_t>{3});
+}
+
+TEST_F(FleetStoreServiceTest, aGroupClosesOnlyWithAWhiteListThatAdmitsAVersion) {
+  auto g = service->serviceMountGroupIs("mg1", &mounter);
+  EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\" closed without a version white list");
+  auto empty = service->versionWhiteListIs("none");
+  g->versionWhiteListIs(empty);
+  EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\": the white list \"none\" admits no version");
+  EXPECT_FALSE(g->closed());
+  g->versionWhiteListIs(whiteList);
+  g->closedIs(true);
+  EXPECT_TRUE(g->closed());
+  EXPECT_EQ(errorOf([&] { g->closedIs(false); }), "service mount group \"mg1\" is closed and cannot be opened again");
+  EXPECT_NE(errorOf([&] { g->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2"); }).find("is closed"),
+            std::string::npos);
+}
+
+TEST_F(FleetStoreServiceTest, badDeclarationsAreRefusedWhereTheyAreMade) {
+  auto g = service->serviceMountGroupIs("mg1", &mounter);
+  const std::string at = "service mount group \"mg1\": controller mount ";
+  EXPECT_EQ(errorOf([&] { g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rw"); }),
+            at + switches + ": bad flags \"rw\"; they are 'r' and optionally 'c' (create) and 't' (track), each once");
+  for (const char* flags : {"", "ct", "rr", "rctt"})
+    EXPECT_NE(errorOf([&] { g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", flags); }),
+              "no error")
+        << flags;
+  EXPECT_EQ(errorOf([&] { g->controllerMountIs(controllerRoot, switches, "OverlaySvc::NoSuchThing", "r"); }),
+            at + switches + ": unknown entity type \"OverlaySvc::NoSuchThing\"");
+  EXPECT_EQ(errorOf([&] { g->controllerMountIs(switches, controllerRoot, "OverlaySvc::ErrorStatusV2", "r"); }),
+            at + controllerRoot + ": the switch directory must lie below " + switches);
+  EXPECT_NE(errorOf([&] { g->controllerMountIs("a//b", "a//b/c", "OverlaySvc::ErrorStatusV2", "r"); }).find("a//b"),
+            std::string::npos);
+  EXPECT_EQ(errorOf([&] { g->perSwitchPublishMountIs(publishDir, "", "FleetCluster::ClusterStatus"); }),
+            "service mount group \"mg1\": per-switch publish mount " + std::string(publishDir) +
+                ": entities of type FleetCluster::ClusterStatus cannot be made by name");
+  EXPECT_TRUE(g->controllerMounts().empty());
+  EXPECT_TRUE(g->publishMounts().empty());
+
+  Mounter other;
+  EXPECT_NE(errorOf([&] { service->serviceMountGroupIs("mg1", &other); }).find("already belongs to another mounter"),
+            std::string::npos);
+  EXPECT_EQ(service->serviceMountGroupIs("mg1", &mounter), g);
+  service->closedIs(true);
+  EXPECT_NE(errorOf([&] { service->serviceMountGroupIs("mg2", &mounter); }).find("is closed"), std::string::npos);
+}
+
+TEST_F(FleetStoreServiceTest, completionWaitsForBothClosesAndComesOnLaterTurns) {
+  auto g = group();
+  service->closedIs(true);
+  turns(2);
+  EXPECT_TRUE(mounter.events.empty());  // the group is still open
+  EXPECT_FALSE(manager->getEntity(publishDir));
+  g->closedIs(true);
+  EXPECT_TRUE(manager->getEntity(publishDir));  // the directories come with the close
+  EXPECT_TRUE(mounter.events.empty());          // the events do not
+  turns(1);
+  EXPECT_EQ(mounter.events, std::vector<std::string>{"complete mg1"});
+  EXPECT_TRUE(g->mountsComplete());
+  EXPECT_FALSE(g->initialSwitchMountsComplete());
+  turns(1);
+  EXPECT_EQ(mounter.events, (std::vector<std::string>{"complete mg1", "initial mg1"}));
+  turns(3);
+  EXPECT_EQ(mounter.events.size(), 2u);  // once
+}
+
+TEST_F(FleetStoreServiceTest, directoriesAreCheckedAllBeforeAnyIsMade) {
+  // Something that is not a directory on the way to the switch directory.
+  manager->loadDocument(Json::parse(R"({"interface/status": {"@type": "FleetStore::Config"}})"));
+  auto g = group();
+  g->closedIs(true);
+  const Json before = manager->read("");
+  EXPECT_EQ(errorOf([&] { service->closedIs(true); }),
+            "service mount group \"mg1\": interface/status is a FleetStore::Config, not a directory");
+  EXPECT_EQ(manager->read(""), before);  // the publish directory was not made either
+  EXPECT_FALSE(service->closed());
+  turns(2);
+  EXPECT_TRUE(mounter.events.empty());
+
+  manager->remove("interface/status", Ledger::Writer::external);
+  manager->loadDocument(Json::parse(R"({"overlaysvc/version2/input/dynVtepConfig/vgw/switch": {"@type": "Kiln::Dir"}})"));
+  manager->getEntity<Kiln::Dir>(publishDir)->entryTypeIs(&FleetStore::Config::typeInfo_);
+  EXPECT_EQ(errorOf([&] { service->closedIs(true); }),
+            "service mount group \"mg1\": " + std::string(publishDir) +
+                " is a directory of FleetStore::Config, not of OverlaySvc::VtepConfigDirV2");
+
+  // Without 'c' the switch directory must be there already.
+  auto strict = Kiln::newPtr<Fleet::FleetStoreService>("Strict", manager, local);
+  auto s = strict->serviceMountGroupIs("mg", &mounter);
+  s->versionWhiteListIs(whiteList);
+  s->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rt");
+  strict->closedIs(true);
+  EXPECT_EQ(errorOf([&] { s->closedIs(true); }),
+            "service mount group \"mg\": " + std::string(switches) + " does not exist, and the mount may not create it");
+}
+
+TEST_F(FleetStoreServiceTest, publishEntriesFollowTheSwitches) {
+  manager->loadDocument(Json::parse(R"({
+    "interface/status/vxlan/errorStatus/version2/ofc/switch/s1": {"@type": "OverlaySvc::ErrorStatusV2"},
+    "interface/status/vxlan/errorStatus/version2/ofc/switch/s2": {"@type": "OverlaySvc::ErrorStatusV2"},
+    "overlaysvc/version2/input/dynVtepConfig/vgw/switch/s2": {"@type": "FleetStore::Config"}
+  })"));
+  auto g = service->serviceMountGroupIs("mg1", &mounter);
+  g->versionWhiteListIs(whiteList);
+  g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
+  g->perSwitchPublishMountIs(publishDir, "cfg-", "OverlaySvc::VtepConfigDirV2");
+  g->perSwitchPublishMountIs("overlaysvc/version2/input/plain", "", "OverlaySvc::VtepConfigDirV2");
+  manager->loadDocument(Json::parse(R"({
+    "overlaysvc/version2/input/plain/s2": {"@type": "FleetStore::Config"}
+  })"));
+  g->closedIs(true);
+  service->closedIs(true);
+  turns(2);
+  auto published = manager->getEntity<Kiln::Dir>(publishDir);
+  auto plain = manager->getEntity<Kiln::Dir>("overlaysvc/version2/input/plain");
+  EXPECT_TRUE(published->entityPtr<OverlaySvc::VtepConfigDirV2>("cfg-s1"));
+  EXPECT_TRUE(published->entityPtr<OverlaySvc::VtepConfigDirV2>("cfg-s2"));
+  EXPECT_TRUE(plain->entityPtr<OverlaySvc::VtepConfigDirV2>("s1"));
+  // A foreign entry in a switch's place is left alone, and said so.
+  EXPECT_TRUE(plain->entityPtr<FleetStore::Config>("s2"));
+  EXPECT_NE(logged.str().find("KXT_FLEET_PUBLISH_BLOCKED"), std::string::npos);
+  EXPECT_NE(logged.str().find("Service Vgw cannot publish overlaysvc/version2/input/plain/s2 for switch s2: an entry "
+                              "of type FleetStore::Config stands there"),
+            std::string::npos)
+      << logged.str();
+  EXPECT_EQ(g->switches().size(), 2u);
+
+  auto switchDir = manager->getEntity<Kiln::Dir>(switches);
+  switchDir->deleteEntity("s2");
+  EXPECT_FALSE(published->entityPtr("cfg-s2"));
+  EXPECT_TRUE(plain->entityPtr<FleetStore::Config>("s2"));
+  // An entry replaced in place is still the same switch.
+  manager->write(std::string(switches) + "/s1", Json::parse(R"({"genericError": {"x": "y"}})"), Ledger::Writer::external);
+  EXPECT_EQ(mounter.events, (std::vector<std::string>{"complete mg1", std::string("+s1 at ") + switches,
+                                                      std::string("+s2 at ") + switches, "initial mg1",
+                                                      std::string("-s2 at ") + switches}));
+}
+
+TEST_F(FleetStoreServiceTest, aMounterThatIsGoneHearsNothing) {
+  auto gone = std::make_unique<Mounter>();
+  auto g = service->serviceMountGroupIs("mg1", gone.get());
+  g->versionWhiteListIs(whiteList);
+  g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
+  g->closedIs(true);
+  service->closedIs(true);
+  gone.reset();
+  turns(2);
+  EXPECT_TRUE(g->initialSwitchMountsComplete());
+  manager->getEntity<Kiln::Dir>(switches)->createEntity<OverlaySvc::ErrorStatusV2>("s1");
+  EXPECT_EQ(g->switches().size(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,488 @@
+// Publication of the remote host tables as overlay-service VNI status.
+//
+// Everything here is a refresh: each handler computes the entry the fabric
+// should see from the remote host table and the mirror, compares it with the
+// published one and writes only a difference. A full reconciliation over an
+// unchanged table therefore writes nothing to the MAC tables and costs one
+// pass of hash lookups; the address table alone is rewritten with equal
+// values, which its setter drops.
+//
+// Per-entry traces that fire on every pass (the entry of a per-key handler,
+// a no-op) sit above level 6, so that the ring, which keeps levels 0 to 6 by
+// default, sees only what changed.
+#include "Vgw/RemoteHostSm.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "Kiln/Assert.h"
+#include "RingTape/RingTape.h"
+
+RINGTAPE_HANDLE("VgwRemoteHost");
+
+namespace Vgw {
+
+namespace {
+
+// The fabric ranks what this agent publishes by these; the database carries
+// neither, so they are constants and not counters.
+constexpr std::uint32_t publishedMoves = 1;
+constexpr std::uint8_t publishedPreference = 32;
+
+// The VTEP address of a locator that a remote host entry names.
+Ipkit::IpGenAddr vtepAddress(const HwVtepOvsdb* ovsdb, const Uuid& locator) {
+  const Kiln::Ptr<PhysicalLocator> row = ovsdb ? ovsdb->physicalLocatorRaw(locator) : nullptr;
+  KILN_ASSERT(row, "physicalLocator");
+  return row->key().dstIp();
+}
+
+// An address behind which no remote VTEP can be reached.
+bool isUselessVtep(const Ipkit::IpGenAddr& ip) {
+  return ip.isLoopback() || (ip.isV4() && ip.v4Addr().isAny()) || (ip.isV6() && ip.v6Addr().isUnspecified()) ||
+         ip.isEmpty();
+}
+
+template <class Container>
+std::vector<typename Container::key_type> keysOf(const Container& c) {
+  return Kiln::keysToDrop(c, [](const auto&) { return false; });
+}
+
+// Removes from one published VNI what the logical switch's table no longer
+// holds. `table` is null for a switch whose table is gone, which makes every
+// entry but the ARP sources stale.
+void sweepStaleEntries(OverlaySvc::VniStatusV2& status, const RemoteHostTable* table, const HwVtepOvsdb* ovsdb) {
+  // ARP sources share the unicast table and have no place in macVtep.
+  const auto staleUcast = Kiln::keysToDrop(status.macVtepTable(), [&](const Ipkit::EthAddr& mac) {
+    return (table && table->macVtep().contains(mac)) || (ovsdb && ovsdb->arpSourcesRemote().contains(mac));
+  });
+  for (const Ipkit::EthAddr& mac : staleUcast) {
+    VGW_TRACE(6, "Cleaning up stale ucast mac: " << mac);
+    status.macVtepTableDel(mac);
+  }
+  const auto hasMcast = [&](const Ipkit::EthAddr& mac) { return table && table->macVtepList().contains(mac); };
+  for (const Ipkit::EthAddr& mac : Kiln::keysToDrop(status.macVtepMultiPathTable(), hasMcast)) {
+    VGW_TRACE(6, "Cleaning up stale mcast mac: " << mac);
+    status.macVtepMultiPathTableDel(mac);
+  }
+  for (const Ipkit::EthAddr& mac : Kiln::keysToDrop(status.macVtepFloodListTable(), hasMcast)) {
+    VGW_TRACE(6, "Cleaning up stale mcast mac: " << mac);
+    status.macVtepFloodListTableDel(mac);
+  }
+  // An address on a loopback locator is left in place by the per-address
+  // handler; this is where it goes.
+  const auto staleIp = Kiln::keysToDrop(status.ipToMacTable(), [&](const Ipkit::IpGenAddr& ip) {
+    if (!table) return false;
+    const auto found = table->ipToMac().find(ip);
+    if (found == table->ipToMac().end()) return false;
+    return !vtepAddress(ovsdb, found->second.physicalLocator()).isLoopback();
+  });
+  for (const Ipkit::IpGenAddr& ip : staleIp) {
+    VGW_TRACE(6, "Cleaning up stale ipToMac: " << ip);
+    status.ipToMacTableDel(ip);
+  }
+}
+
+void moveToMultiPath(OverlaySvc::VniStatusV2& status) {
+  for (const Ipkit::EthAddr& mac : keysOf(status.macVtepFloodListTable())) {
+    const Kiln::Ptr<OverlaySvc::MacVtepFloodListV2> floodList = status.macVtepFloodListTableDel(mac);
+    OverlaySvc::MacVtepMultiPathV2 multiPath(mac);
+    for (const auto& [ip, member] : floodList->vtepIpFloodList()) multiPath.vtepIpListIs(ip, true);
+    VGW_TRACE(6, "Updating MacVtepMultiPath (" << mac << ", " << status.vni() << ")");
+    status.macVtepMultiPathTableIs(mac, multiPath);
+  }
+}
+
+void moveToFloodList(OverlaySvc::VniStatusV2& status) {
+  for (const Ipkit::EthAddr& mac : keysOf(status.macVtepMultiPathTable())) {
+    const OverlaySvc::MacVtepMultiPathV2 multiPath = status.macVtepMultiPathTable(mac);
+    status.macVtepMultiPathTableDel(mac);
+    const Kiln::Ptr<OverlaySvc::MacVtepFloodListV2> floodList = status.macVtepFloodListTableIs(mac);
+    for (const auto& [ip, member] : multiPath.vtepIpList()) floodList->vtepIpFloodListIs(ip, true);
+    VGW_TRACE(6, "Updating MacVtepFloodList (" << mac << ", " << status.vni() << ")");
+  }
+}
+
+}  // namespace
+
+// ---- LogicalSwitchSm ---------------------------------------------------------------
+
+LogicalSwitchSm::LogicalSwitchSm(Kiln::Ptr<Status> status, Kiln::Ptr<const LogicalSwitch> logicalSwitch,
+                                 Kiln::Ptr<RemoteHostTable> remoteHostTable,
+                                 Kiln::Ptr<const HwVtepOvsdb> hwVtepOvsdb,
+                                 Kiln::Ptr<OverlaySvc::VniStatusDirV2> vniStatusDir)
+    : status_(std::move(status)),
+      logicalSwitch_(std::move(logicalSwitch)),
+      remoteHostTable_(std::move(remoteHostTable)),
+      hwVtepOvsdb_(std::move(hwVtepOvsdb)),
+      vniStatusDir_(std::move(vniStatusDir)) {
+  handleInitialized();
+}
+
+Kiln::Ptr<OverlaySvc::VniStatusV2> LogicalSwitchSm::vniStatus() const {
+  Kiln::Ptr<OverlaySvc::VniStatusV2> status = vniStatusDir_->vniStatusV2(vni_.vni());
+  KILN_ASSERT(status, "vniStatus");
+  return status;
+}
+
+void LogicalSwitchSm::handleInitialized() {
+  VGW_TRACE(5, "LogicalSwitchSm::handleInitialized() " << logicalSwitch_->uuid());
+  initialized_ = true;
+  handleTunnelKey();
+  handleUcastMacVtep();
+  handleMcastMacVtep();
+  handleIpToMac();
+  VGW_TRACE(5, " return");
+}
+
+void LogicalSwitchSm::handleTunnelKey() {
+  const Vxlan::VniOrNone tunnelKey = logicalSwitch_->tunnelKey();
+  if (!tunnelKey.isValid()) return;
+  const Vxlan::Vni vni = tunnelKey.vni();
+  const Kiln::Ptr<VniToLogicalSwitch> claim = Kiln::Entity::singletonIs<LocalData>()->vniToLogicalSwitch(vni);
+  // A VNI that two logical switches claim goes to neither, and the machine
+  // keeps what it held: `vni` is written here and nowhere else.
+  if (!claim || claim->logicalSwitch().size() != 1) return;
+  VGW_TRACE(6, "Adding (" << vni << ") to VniStatusDir");
+  vniStatusDir_->vniStatusV2Is(vni);
+  vni_ = tunnelKey;
+}
+
+void LogicalSwitchSm::handleUcastMacVtep() {
+  if (!vni_.isValid()) {
+    VGW_TRACE(5, " return invalidVni");
+    return;
+  }
+  for (const auto& [mac, entry] : remoteHostTable_->macVtep()) handleUcastMacVtep(mac);
+}
+
+void LogicalSwitchSm::handleUcastMacVtep(const Ipkit::EthAddr& mac) {
+  if (!vni_.isValid()) {
+    VGW_TRACE(5, " return invalidVni");
+    return;
+  }
+  const Kiln::Ptr<OverlaySvc::VniStatusV2> status = vniStatus();
+  const MacVtep entry = remoteHostTable_->macVtep(mac);
+  if (entry == MacVtep()) {
+    VGW_TRACE(6, "Delete ucast mac " << mac << ", vni: " << vni_);
+    status->macVtepTableDel(mac);
+    return;
+  }
+  const Ipkit::IpGenAddr vtep = vtepAddress(hwVtepOvsdb_.get(), entry.physicalLocator());
+  VGW_TRACE(7, "Process ucast mac " << mac << ", vtep IpAddr: " << vtep << ", vni: " << vni_
+                                    << ", moves: " << publishedMoves << ", preference: " << +publishedPreference);
+  // The row stays in the database, but the fabric must not send to it.
+  if (isUselessVtep(vtep)) {
+    status->macVtepTableDel(mac);
+    VGW_TRACE(5, " return del existing mac entry");
+    return;
+  }
+  const OverlaySvc::MacVtepV2 wanted(mac, vtep.v4Addr(), publishedMoves, publishedPreference);
+  const auto& table = status->macVtepTable();
+  const auto current = table.find(mac);
+  if (current == table.end() || current->second == OverlaySvc::MacVtepV2()) {
+    VGW_TRACE(6, "Add ucast mac");
+  } else if (current->second == wanted) {
+    VGW_TRACE(8, "No-op ucast mac");
+    return;
+  } else {
+    VGW_TRACE(6, "Update ucast mac");
+  }
+  status->macVtepTableIs(mac, wanted);
+}
+
+void LogicalSwitchSm::handleMcastMacVtep() {
+  if (!vni_.isValid()) {
+    VGW_TRACE(5, " return invalidVni");
+    return;
+  }
+  for (const auto& [mac, entry] : remoteHostTable_->macVtepList()) handleMcastMacVtep(mac);
+}
+
+void LogicalSwitchSm::handleMcastMacVtep(const Ipkit::EthAddr& mac) {
+  if (!vni_.isValid()) {
+    VGW_TRACE(5, " return invalidVni");
+    return;
+  }
+  switch (status_->vtepListType()) {
+    case VtepListType::multiPath:
+      handleMacVtepMultiPath(mac);
+      return;
+    case VtepListType::floodList:
+      handleMacVtepFloodList(mac);
+      return;
+  }
+  KILN_ASSERT(false, "0 && \"Vtep list type\"");
+}
+
+void LogicalSwitchSm::handleMacVtepMultiPath(const Ipkit::EthAddr& mac) {
+  const Kiln::Ptr<OverlaySvc::VniStatusV2> status = vniStatus();
+  const MacVtepList entry = remoteHostTable_->macVtepList(mac);
+  if (entry == MacVtepList()) {
+    VGW_TRACE(6, "Delete mcast mac " << mac << ", vni: " << vni_);
+    status->macVtepMultiPathTableDel(mac);
+    return;
+  }
+  const Kiln::Ptr<PhysicalLocatorSet> locators = hwVtepOvsdb_->physicalLocatorSet(entry.physicalLocatorSet());
+  KILN_ASSERT(locators, "physicalLocatorSet");
+  VGW_TRACE(7, "Process mcast mac " << mac << ", vni: " << vni_);
+  OverlaySvc::MacVtepMultiPathV2 wanted(mac);
+  for (const Uuid& locator : locators->locator()) {
+    const Ipkit::IpGenAddr vtep = vtepAddress(hwVtepOvsdb_.get(), locator);
+    VGW_TRACE(7, "Vtep Ip: " << vtep);
+    wanted.vtepIpListIs(vtep.v4Addr(), true);
+  }
+  const auto& table = status->macVtepMultiPathTable();
+  const auto current = table.find(mac);
+  if (current == table.end() || current->second == OverlaySvc::MacVtepMultiPathV2()) {
+    VGW_TRACE(6, "Add mcast mac");
+  } else if (current->second == wanted) {
+    VGW_TRACE(8, "No-op mcast mac");
+    return;
+  } else {
+    VGW_TRACE(6, "Update mcast mac");
+  }
+  status->macVtepMultiPathTableIs(mac, wanted);
+}
+
+void LogicalSwitchSm::handleMacVtepFloodList(const Ipkit::EthAddr& mac) {
+  const Kiln::Ptr<OverlaySvc::VniStatusV2> status = vniStatus();
+  const MacVtepList entry = remoteHostTable_->macVtepList(mac);
+  if (entry == MacVtepList()) {
+    VGW_TRACE(6, "Delete mcast mac " << mac << ", vni: " << vni_);
+    status->macVtepFloodListTableDel(mac);
+    return;
+  }
+  const Kiln::Ptr<PhysicalLocatorSet> locators = hwVtepOvsdb_->physicalLocatorSet(entry.physicalLocatorSet());
+  KILN_ASSERT(locators, "physicalLocatorSet");
+  VGW_TRACE(7, "Process mcast mac " << mac << ", vni: " << vni_);
+  std::set<Ipkit::IpAddr> wanted;
+  for (const Uuid& locator : locators->locator()) {
+    const Ipkit::IpGenAddr vtep = vtepAddress(hwVtepOvsdb_.get(), locator);
+    VGW_TRACE(7, "Vtep Ip: " << vtep);
+    const auto result = wanted.insert(vtep.v4Addr());
+    KILN_ASSERT(result.second, "result.second && \"Duplicate Vtep Ip found in flood set.\"");
+  }
+  const Kiln::Ptr<OverlaySvc::MacVtepFloodListV2> current = status->macVtepFloodListTable(mac);
+  if (!current) {
+    VGW_TRACE(6, "Add flood list mac");
+    const Kiln::Ptr<OverlaySvc::MacVtepFloodListV2> created = status->macVtepFloodListTableIs(mac);
+    for (const Ipkit::IpAddr& ip : wanted) created->vtepIpFloodListIs(ip, true);
+    return;
+  }
+  const auto& published = current->vtepIpFloodList();
+  const bool same = published.size() == wanted.size() && std::ranges::all_of(wanted, [&](const Ipkit::IpAddr& ip) {
+                      const auto found = published.find(ip);
+                      return found != published.end() && found->second;
+                    });
+  if (same) {
+    VGW_TRACE(8, "No-op flood list mac");
+    return;
+  }
+  // Edited in place, deletes first: a reader never sees the list without
+  // the VTEPs that stay in it.
+  VGW_TRACE(6, "Update flood list mac");
+  for (const Ipkit::IpAddr& ip : Kiln::keysToDrop(published, [&](const Ipkit::IpAddr& k) { return wanted.contains(k); })) {
+    VGW_TRACE(6, "Del stale Vtep Flood Ip: " << ip);
+    current->vtepIpFloodListDel(ip);
+  }
+  for (const Ipkit::IpAddr& ip : wanted) {
+    VGW_TRACE(6, "Add new Vtep Flood Ip: " << ip);
+    current->vtepIpFloodListIs(ip, true);
+  }
+}
+
+void LogicalSwitchSm::handleIpToMac() {
+  if (!vni_.isValid()) {
+    VGW_TRACE(5, " return invalidVni");
+    return;
+  }
+  for (const auto& [ip, entry] : remoteHostTable_->ipToMac()) handleIpToMac(ip);
+}
+
+void LogicalSwitchSm::handleIpToMac(const Ipkit::IpGenAddr& ip) {
+  if (!vni_.isValid()) {
+    VGW_TRACE(5, " return invalidVni");
+    return;
+  }
+  const Kiln::Ptr<OverlaySvc::VniStatusV2> status = vniStatus();
+  const IpToMac entry = remoteHostTable_->ipToMac(ip);
+  if (entry == IpToMac()) {
+    const OverlaySvc::IpToMacV2 previous = status->ipToMacTable(ip);
+    status->ipToMacTableDel(ip);
+    if (!(previous == OverlaySvc::IpToMacV2())) {
+      VGW_TRACE(6, "Delete associated IP " << ip << " from MAC " << previous.mac());
+    }
+    return;
+  }
+  // Left published until the next full reconciliation removes it.
+  if (vtepAddress(hwVtepOvsdb_.get(), entry.physicalLocator()).isLoopback()) {
+    VGW_TRACE(5, " return ignoring loopback VtepIps");
+    return;
+  }
+  VGW_TRACE(7, "Associate IP: " << ip << " to MAC: " << entry.mac());
+  status->ipToMacTableIs(ip, OverlaySvc::IpToMacV2(ip, entry.mac(), publishedMoves, publishedPreference));
+}
+
+void LogicalSwitchSm::destroy() {
+  VGW_TRACE(5, "LogicalSwitchSm::destroy() " << logicalSwitch_->uuid());
+  initialized_ = false;
+  if (vni_.isValid()) vniStatusDir_->vniStatusV2Del(vni_.vni());
+}
+
+// ---- RemoteHostSm ------------------------------------------------------------------
+
+RemoteHostSm::RemoteHostSm(Kiln::Ptr<Status> status, Kiln::Ptr<OverlaySvc::VniStatusDirV2> vniStatusDir)
+    : status_(std::move(status)),
+      vniStatusDir_(std::move(vniStatusDir)),
+      localData_(Kiln::Entity::singletonIs<LocalData>()),
+      kilnStatus_(this) {
+  kilnStatus_.notifierIs(status_);
+  handleInitialized();
+}
+
+RemoteHostSm::~RemoteHostSm() = default;
+
+void RemoteHostSm::KilnStatus::onVtepListType() { sm_->handleVtepListType(); }
+
+Kiln::Ptr<const HwVtepOvsdb> RemoteHostSm::hwVtepOvsdb() const { return status_->ovsdb(); }
+
+LogicalSwitchSm* RemoteHostSm::logicalSwitchSm(const Uuid& uuid) const {
+  const auto found = logicalSwitchSm_.find(uuid);
+  return found == logicalSwitchSm_.end() ? nullptr : found->second.get();
+}
+
+void RemoteHostSm::handleInitialized() {
+  VGW_TRACE(5, "RemoteHostSm::handleInitialized()");
+  VGW_TRACE_BLOCK_TIME(5, "RemoteHostSm::handleInitialized");
+  initialized_ = true;
+  const Kiln::Ptr<const HwVtepOvsdb> ovsdb = hwVtepOvsdb();
+  // Stale state goes first, so that what the logical switches add below is
+  // never swept by the same pass.
+  const auto& published = vniStatusDir_->vniStatusV2();
+  for (auto next = published.begin(); next != published.end();) {
+    const Vxlan::Vni vni = next->first;
+    const Kiln::Ptr<OverlaySvc::VniStatusV2> status = next->second;
+    ++next;
+    VGW_TRACE(7, "Process Vni: " << vni);
+    const Kiln::Ptr<VniToLogicalSwitch> claim = localData_->vniToLogicalSwitch(vni);
+    if (!claim || claim->logicalSwitch().size() != 1) {
+      VGW_TRACE(6, "Cleaning up stale VniStatus");
+      vniStatusDir_->vniStatusV2Del(vni);
+      continue;
+    }
+    const Kiln::Ptr<RemoteHostTable> table = localData_->remoteHostTable(*claim->logicalSwitch().begin());
+    sweepStaleEntries(*status, table.get(), ovsdb.get());
+  }
+  handleLogicalSwitch();
+  handleVtepListType();
+  handleArpSourcesRemote();
+  VGW_TRACE(5, " return");
+}
+
+void RemoteHostSm::handleLogicalSwitch() {
+  if (!initialized_) return;
+  const Kiln::Ptr<const HwVtepOvsdb> ovsdb = hwVtepOvsdb();
+  // A deleted switch's VniStatusV2 went in the stale sweep; dropping the
+  // machine without destroy leaves the directory to that sweep.
+  for (auto it = logicalSwitchSm_.begin(); it != logicalSwitchSm_.end();) {
+    if (ovsdb && ovsdb->logicalSwitch().contains(it->first)) {
+      ++it;
+    } else {
+      VGW_TRACE(6, "Del logicalSwitchSm " << it->first);
+      it = logicalSwitchSm_.erase(it);
+    }
+  }
+  if (!ovsdb) return;
+  for (const auto& [uuid, row] : ovsdb->logicalSwitch()) handleLogicalSwitch(uuid);
+}
+
+void RemoteHostSm::handleLogicalSwitch(const Uuid& uuid) {
+  if (LogicalSwitchSm* machine = logicalSwitchSm(uuid)) {
+    VGW_TRACE(7, "Upd logicalSwitchSm " << uuid);
+    machine->handleInitialized();
+    return;
+  }
+  const Kiln::Ptr<const HwVtepOvsdb> ovsdb = hwVtepOvsdb();
+  Kiln::Ptr<const LogicalSwitch> row = ovsdb ? ovsdb->logicalSwitch(uuid) : nullptr;
+  if (!row) return;
+  VGW_TRACE(6, "Add logicalSwitchSm " << uuid);
+  logicalSwitchSm_.emplace(uuid, Kiln::newPtr<LogicalSwitchSm>(status_, std::move(row),
+                                                               localData_->remoteHostTableIs(uuid), ovsdb,
+                                                               vniStatusDir_));
+}
+
+void RemoteHostSm::handleVtepListType() {
+  VGW_TRACE(5, "RemoteHostSm::handleVtepListType()");
+  std::size_t count = 0;
+  for (const auto& [vni, status] : vniStatusDir_->vniStatusV2()) {
+    ++count;
+    switch (status_->vtepListType()) {
+      case VtepListType::multiPath:
+        moveToMultiPath(*status);
+        continue;
+      case VtepListType::floodList:
+        moveToFloodList(*status);
+        continue;
+    }
+    KILN_ASSERT(false, "0 && \"Vtep list type\"");
+  }
+  VGW_TRACE(6, "VtepListType changed to " << count << " entries");
+}
+
+void RemoteHostSm::handleArpSourcesRemote() {
+  const Kiln::Ptr<const HwVtepOvsdb> ovsdb = hwVtepOvsdb();
+  if (!ovsdb) return;
+  for (const auto& [mac, row] : ovsdb->arpSourcesRemote()) handleArpSourcesRemote(mac);
+}
+
+void RemoteHostSm::handleArpSourcesRemote(const Ipkit::EthAddr& mac) {
+  const Kiln::Ptr<const HwVtepOvsdb> ovsdb = hwVtepOvsdb();
+  const Kiln::Ptr<ArpSourcesRemote> row = ovsdb ? ovsdb->arpSourcesRemote(mac) : nullptr;
+  if (!row) {
+    // A unicast entry of the same MAC goes too, until the logical switch
+    // publishes it again.
+    VGW_TRACE(6, "Deleting arp source macs");
+    for (const auto& [vni, status] : vniStatusDir_->vniStatusV2()) {
+      status->macVtepTableDel(mac);
+      VGW_TRACE(6, "Deleting arp source mac: " << mac << ", for vni: " << vni);
+    }
+    return;
+  }
+  // The controller assigns an ARP source to no logical switch, so every VNI
+  // gets it.
+  const Ipkit::IpGenAddr vtep = vtepAddress(ovsdb.get(), row->locator());
+  VGW_TRACE(7, "Process arp source mac " << mac << ", vtep IpAddr: " << vtep << " moves: " << publishedMoves
+                                         << " preference: " << +publishedPreference);
+  const OverlaySvc::MacVtepV2 wanted(mac, vtep.v4Addr(), publishedMoves, publishedPreference);
+  for (const auto& [vni, status] : vniStatusDir_->vniStatusV2()) {
+    const auto& table = status->macVtepTable();
+    const auto current = table.find(mac);
+    if (current != table.end() && current->second == wanted) {
+      VGW_TRACE(8, "No-op arp source mac");
+      continue;
+    }
+    VGW_TRACE(6, "Add/Update arp source mac to " << vni);
+    status->macVtepTableIs(mac, wanted);
+  }
+}
+
+void RemoteHostSm::destroy() {
+  VGW_TRACE(5, "RemoteHostSm::" << "destroy" << "()");
+  initialized_ = false;
+  while (!logicalSwitchSm_.empty()) {
+    const Kiln::Ptr<LogicalSwitchSm> machine = std::move(logicalSwitchSm_.extract(logicalSwitchSm_.begin()).mapped());
+    machine->destroy();
+  }
+  localData_->vniToLogicalSwitchDelAll();
+  localData_->remoteHostTableDelAll();
+}
+
+Kiln::Ptr<RemoteHostSm> remoteHostSmFactory(Kiln::Ptr<Status> status,
+                                            Kiln::Ptr<OverlaySvc::VniStatusDirV2> vniStatusDir) {
+  return Kiln::newPtr<RemoteHostSm>(std::move(status), std::move(vniStatusDir));
+}
+
+}  // namespace Vgw

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Kiln/Dir.h"
 #include "Kiln/EventLoop.h"
 #include "Kiln/Log.h"
 #include "Ledger/Path.h"

@@ -50,7 +50,7 @@
 #include <string>
 #include <vector>
 
-#include "Kiln/Dir.h"
+#include "Kiln/Entity.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/String.h"
 #include "Ledger/EntityManager.h"

@@ -91,7 +91,8 @@ class ControlServer {
   ControlServer& operator=(const ControlServer&) = delete;
 
   // Binds and listens on `path` (see the socket file rules above). Throws
-  // ControlSocketError, with nothing left behind, when that cannot be done.
+  // ControlSocketError, leaving no socket file behind, when that cannot be
+  // done.
   void listen(const std::string& path);
   const std::string& path() const { return path_; }
 

@@ -82,15 +82,6 @@ class FleetStoreServiceTest : public testing::Test {
   Mounter mounter;
 };
 
-TEST_F(FleetStoreServiceTest, aWhiteListRecordsTheVersionsItAdmits) {
-  EXPECT_EQ(service->versionWhiteListIs("v2"), whiteList);
-  whiteList->allowedVersionIs(3, true);
-  whiteList->allowedVersionIs(2, false);
-  EXPECT_FALSE(whiteList->allowedVersion(2));
-  EXPECT_TRUE(whiteList->allowedVersion(3));
-  EXPECT_EQ(whiteList->allowedVersions(), std::set<std::uint32_t>{3});
-}
-
 TEST_F(FleetStoreServiceTest, aGroupClosesOnlyWithAWhiteListThatAdmitsAVersion) {
   auto g = service->serviceMountGroupIs("mg1", &mounter);
   EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\" closed without a version white list");
@@ -98,9 +89,13 @@ TEST_F(FleetStoreServiceTest, aGroupClosesOnlyWithAWhiteListThatAdmitsAVersion) 
   g->versionWhiteListIs(empty);
   EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\": the white list \"none\" admits no version");
   EXPECT_FALSE(g->closed());
+  whiteList->allowedVersionIs(3, true);
+  whiteList->allowedVersionIs(2, false);
   g->versionWhiteListIs(whiteList);
   g->closedIs(true);
   EXPECT_TRUE(g->closed());
+  EXPECT_TRUE(g->versionWhiteList()->allowedVersion(3));
+  EXPECT_FALSE(g->versionWhiteList()->allowedVersion(2));
   EXPECT_EQ(errorOf([&] { g->closedIs(false); }), "service mount group \"mg1\" is closed and cannot be opened again");
   EXPECT_NE(errorOf([&] { g->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2"); }).find("is closed"),
             std::string::npos);

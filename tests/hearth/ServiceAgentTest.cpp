@@ -55,7 +55,19 @@ struct Journal {
   int turn = 0;
   std::vector<std::string> lines;
   void note(const std::string& what) { lines.push_back(std::to_string(turn) + " " + what); }
+  void note(const std::string& hook, Ledger::MountStatus status) {
+    std::ostringstream text;
+    text << hook << ' ' << status;
+    note(text.str());
+  }
 };
+
+// Opens a group through `manager` for `mounter`, mounts `mounts` and closes it.
+void mountAll(Ledger::EntityManager& manager, Ledger::Mounter* mounter, const std::vector<Mount>& mounts) {
+  auto group = manager.getMountGroup(mounter);
+  for (const Mount& m : mounts) group->doMount(m);
+  group->doClose(false, "", 0.0);
+}
 
 class Agent;
 
@@ -86,15 +98,11 @@ class Agent final : public Hearth::ServiceAgent {
 
   void doInit() override {
     journal_.note("doInit");
-    auto group = localEntityManager()->getMountGroup(this);
-    for (const Mount& m : localMounts) group->doMount(m);
-    group->doClose(false, "", 0.0);
+    mountAll(*localEntityManager(), this, localMounts);
   }
 
   void doMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
-    std::ostringstream text;
-    text << "doMountsComplete " << status;
-    journal_.note(text.str());
+    journal_.note("doMountsComplete", status);
     cliConfig = manager->getEntity<Vgw::CliConfig>("vgw/cliconfig");
     status_ = manager->getEntity<Vgw::Status>("vgw/status");
     if (!serviceEntityManager()) ServiceAgent::doInit();
@@ -118,15 +126,11 @@ class Agent final : public Hearth::ServiceAgent {
 
   void doControllerMounts() override {
     journal_.note("doControllerMounts");
-    auto group = serviceEntityManager()->getMountGroup(controllerMounter());
-    for (const Mount& m : serviceMounts) group->doMount(m);
-    group->doClose(false, "", 0.0);
+    mountAll(*serviceEntityManager(), controllerMounter(), serviceMounts);
   }
 
   void doControllerMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
-    std::ostringstream text;
-    text << "doControllerMountsComplete " << status;
-    journal_.note(text.str());
+    journal_.note("doControllerMountsComplete", status);
     for (const Mount& m : serviceMounts) {
       if (!manager->getEntity(m.path.stringValue())) journal_.note("missing " + m.path.stringValue());
     }
@@ -234,16 +238,14 @@ TEST_F(ServiceAgentTest, theBaseHooksCarryAnAgentThatOverridesNothing) {
   struct Bare final : Hearth::ServiceAgent {
     Bare(Kiln::Ptr<Ledger::EntityManager> local, Journal& j) : ServiceAgent(std::move(local), "Bare"), journal(j) {}
     void doControllerMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
-      std::ostringstream text;
-      text << "doControllerMountsComplete " << status << (manager == serviceEntityManager() ? " service" : " other");
-      journal.note(text.str());
+      journal.note(manager == serviceEntityManager() ? "service manager" : "other manager", status);
     }
     Journal& journal;
   };
   runner.agentIs([this](Kiln::String) { return Kiln::newPtr<Bare>(runner.localEntityManager(), journal); });
   EXPECT_TRUE(runner.agent()->serviceEntityManager());
   turns(3);
-  EXPECT_EQ(journal.lines, std::vector<std::string>{"2 doControllerMountsComplete mountSuccess service"});
+  EXPECT_EQ(journal.lines, std::vector<std::string>{"2 service manager mountSuccess"});
 }
 
 TEST_F(ServiceAgentTest, aStopSignalEndsTheLoopAndLeavesTheAgentsState) {

@@ -111,9 +111,12 @@ class FleetStoreServiceMountGroup::SwitchDirReactor final : public Kiln::Dir::No
     notifierIs(dir);
   }
 
-  // Reports every switch in the directory now.
+  // Reports every switch in the directory now. The names are taken first:
+  // publishing may add entries to directories while this runs.
   void joinPresent() {
-    for (const auto& [name, entry] : notifier()->entityPtr()) onEntityPtr(name);
+    std::vector<Kiln::Name> names;
+    for (const auto& [name, entry] : notifier()->entityPtr()) names.push_back(name);
+    for (const Kiln::Name& name : names) onEntityPtr(name);
   }
 
   void onEntityPtr(const Kiln::Name& name) override {

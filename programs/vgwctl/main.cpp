@@ -173,7 +173,9 @@ class Connection {
   // The next message; `limited` applies the timeout.
   Json receive(bool limited) {
     std::size_t newline;
-    while ((newline = buffer_.find('\n')) == std::string::npos) {
+    std::size_t scanned = 0;
+    while ((newline = buffer_.find('\n', scanned)) == std::string::npos) {
+      scanned = buffer_.size();
       if (limited && timeout_ > 0) waitReadable();
       char chunk[65536];
       const ssize_t n = recv(fd_, chunk, sizeof chunk, 0);

@@ -1,0 +1,91 @@
+#include "AgentConfig.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "Ledger/Path.h"
+#include "Vgw/VgwAgent.h"
+
+namespace VgwAgent {
+
+namespace {
+
+[[noreturn]] void refuse(const std::string& file, std::string_view where, const std::string& problem) {
+  throw ConfigError(file + ": " + (where.empty() ? std::string() : std::string(where) + ": ") + problem);
+}
+
+Kiln::Json readDocument(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) throw ConfigError("cannot read " + file + ": " + std::strerror(errno));
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (in.bad()) throw ConfigError("cannot read " + file + ": " + std::strerror(errno));
+  try {
+    return Kiln::Json::parse(text);
+  } catch (const Kiln::Json::parse_error& e) {
+    // The library's text starts with its own exception tag.
+    std::string what = e.what();
+    if (const std::size_t tag = what.find("] "); tag != std::string::npos) what.erase(0, tag + 2);
+    throw ConfigError(file + " is not JSON: " + what);
+  }
+}
+
+bool within(const Ledger::Path& path, const Ledger::Path& base) {
+  return path.size() >= base.size() && path.prefix(base.size()) == base.text();
+}
+
+// Refuses a path the agent does not mount, or one it writes.
+void checkPath(const std::string& file, const std::string& where) {
+  Ledger::Path path;
+  try {
+    path = Ledger::Path::parse(where);
+  } catch (const Kiln::JsonError& e) {
+    refuse(file, where, e.problem());
+  }
+  bool known = false;
+  for (const auto* mounts : {&Vgw::localMounts(), &Vgw::serviceMounts()}) {
+    for (const Ledger::Mount& mount : *mounts) {
+      if (!within(path, Ledger::Path::parse(mount.path.stringValue()))) continue;
+      if (Ledger::writerMountFlags(mount.flags.stringValue()))
+        refuse(file, where, "is written by the agent itself and cannot be configured");
+      known = true;
+    }
+  }
+  if (!known) refuse(file, where, "unknown path; the agent reads no entity there");
+}
+
+void checkLoaded(const Ledger::EntityManager& manager, const std::string& file) {
+  const auto config = manager.getEntity<Vgw::Config>("vgw/config");
+  if (!config || config->ovsdbSocketPath().empty())
+    refuse(file, "vgw/config", "ovsdbSocketPath is required: the socket of the hardware_vtep database server");
+  if (const auto cliConfig = manager.getEntity<Vgw::CliConfig>("vgw/cliconfig"); cliConfig && cliConfig->maxOps() == 0)
+    refuse(file, "vgw/cliconfig/maxOps", "must be at least 1");
+  const auto clusters = manager.getEntity<FleetCluster::ClusterStatusDir>("fleet/cluster/statusDir");
+  if (!clusters || !clusters->status("default"))
+    refuse(file, "fleet/cluster/statusDir", "needs the cluster status named \"default\" under \"status\"");
+}
+
+}  // namespace
+
+void loadAgentConfig(Ledger::EntityManager& manager, const std::string& file) {
+  const Kiln::Json document = readDocument(file);
+  if (!document.is_object())
+    refuse(file, "", "expected an object from state-store path to entity, got " + Kiln::jsonTypeName(document));
+  for (const auto* mounts : {&Vgw::localMounts(), &Vgw::serviceMounts()}) {
+    for (const Ledger::Mount& mount : *mounts) {
+      const Kiln::TypeInfo* type = Kiln::TypeInfo::find(mount.typeName.stringValue());
+      if (!type) throw ConfigError("the agent's type " + mount.typeName.stringValue() + " is not linked in");
+      manager.pathTypeIs(mount.path.stringValue(), *type);
+    }
+  }
+  for (const auto& [where, entity] : document.items()) checkPath(file, where);
+  try {
+    manager.loadDocument(document);
+  } catch (const Kiln::JsonError& e) {
+    refuse(file, e.where(), e.problem());
+  }
+  checkLoaded(manager, file);
+}
+
+}  // namespace VgwAgent

@@ -4,7 +4,7 @@
 // should see from the remote host table and the mirror, compares it with the
 // published one and writes only a difference. A full reconciliation over an
 // unchanged table therefore writes nothing to the MAC tables and costs one
-// pass of hash lookups; the address table alone is rewritten with equal
+// pass over each table; the address table alone is rewritten with equal
 // values, which its setter drops.
 //
 // Per-entry traces that fire on every pass (the entry of a per-key handler,
@@ -33,16 +33,72 @@ constexpr std::uint32_t publishedMoves = 1;
 constexpr std::uint8_t publishedPreference = 32;
 
 // The VTEP address of a locator that a remote host entry names.
-Ipkit::IpGenAddr vtepAddress(const HwVtepOvsdb* ovsdb, const Uuid& locator) {
-  const Kiln::Ptr<PhysicalLocator> row = ovsdb ? ovsdb->physicalLocatorRaw(locator) : nullptr;
-  KILN_ASSERT(row, "physicalLocator");
-  return row->key().dstIp();
+const Ipkit::IpGenAddr& vtepAddress(const HwVtepOvsdb* ovsdb, const Uuid& locator) {
+  KILN_ASSERT(ovsdb, "physicalLocator");
+  const auto found = ovsdb->physicalLocatorRaw().find(locator);
+  KILN_ASSERT(found != ovsdb->physicalLocatorRaw().end() && found->second, "physicalLocator");
+  return found->second->key().dstIp();
 }
 
 // An address behind which no remote VTEP can be reached.
 bool isUselessVtep(const Ipkit::IpGenAddr& ip) {
   return ip.isLoopback() || (ip.isV4() && ip.v4Addr().isAny()) || (ip.isV6() && ip.v6Addr().isUnspecified()) ||
          ip.isEmpty();
+}
+
+// Publishes the VTEP of one host that the remote host table holds. The
+// whole-table passes call this with the entry in hand, so that a pass costs
+// one lookup per table and host.
+void publishUcast(OverlaySvc::VniStatusV2& status, const HwVtepOvsdb* ovsdb, Vxlan::VniOrNone vni,
+                  const MacVtep& entry) {
+  const Ipkit::EthAddr& mac = entry.mac();
+  const Ipkit::IpGenAddr& vtep = vtepAddress(ovsdb, entry.physicalLocator());
+  VGW_TRACE(7, "Process ucast mac " << mac << ", vtep IpAddr: " << vtep << ", vni: " << vni
+                                    << ", moves: " << publishedMoves << ", preference: " << +publishedPreference);
+  // The row stays in the database, but the fabric must not send to it.
+  if (isUselessVtep(vtep)) {
+    status.macVtepTableDel(mac);
+    VGW_TRACE(5, " return del existing mac entry");
+    return;
+  }
+  const OverlaySvc::MacVtepV2 wanted(mac, vtep.v4Addr(), publishedMoves, publishedPreference);
+  const auto& table = status.macVtepTable();
+  const auto current = table.find(mac);
+  if (current == table.end() || current->second == OverlaySvc::MacVtepV2()) {
+    VGW_TRACE(6, "Add ucast mac");
+  } else if (current->second == wanted) {
+    VGW_TRACE(8, "No-op ucast mac");
+    return;
+  } else {
+    VGW_TRACE(6, "Update ucast mac");
+  }
+  status.macVtepTableIs(mac, wanted);
+}
+
+// Publishes one address of the remote host table. It has no no-op test: the
+// setter drops an equal value.
+void publishIpToMac(OverlaySvc::VniStatusV2& status, const HwVtepOvsdb* ovsdb, const IpToMac& entry) {
+  // Left published until the next full reconciliation removes it.
+  if (vtepAddress(ovsdb, entry.physicalLocator()).isLoopback()) {
+    VGW_TRACE(5, " return ignoring loopback VtepIps");
+    return;
+  }
+  VGW_TRACE(7, "Associate IP: " << entry.ip() << " to MAC: " << entry.mac());
+  status.ipToMacTableIs(entry.ip(),
+                        OverlaySvc::IpToMacV2(entry.ip(), entry.mac(), publishedMoves, publishedPreference));
+}
+
+// Calls `take` with the published address of every VTEP of a locator set;
+// loopback addresses are not filtered.
+template <class Take>
+void forEachVtep(const HwVtepOvsdb* ovsdb, const Uuid& locatorSet, Take take) {
+  const Kiln::Ptr<PhysicalLocatorSet> locators = ovsdb->physicalLocatorSet(locatorSet);
+  KILN_ASSERT(locators, "physicalLocatorSet");
+  for (const Uuid& locator : locators->locator()) {
+    const Ipkit::IpGenAddr& vtep = vtepAddress(ovsdb, locator);
+    VGW_TRACE(7, "Vtep Ip: " << vtep);
+    take(vtep.v4Addr());
+  }
 }
 
 template <class Container>
@@ -155,7 +211,8 @@ void LogicalSwitchSm::handleUcastMacVtep() {
     VGW_TRACE(5, " return invalidVni");
     return;
   }
-  for (const auto& [mac, entry] : remoteHostTable_->macVtep()) handleUcastMacVtep(mac);
+  OverlaySvc::VniStatusV2& status = *vniStatus();
+  for (const auto& [mac, entry] : remoteHostTable_->macVtep()) publishUcast(status, hwVtepOvsdb_.get(), vni_, entry);
 }
 
 void LogicalSwitchSm::handleUcastMacVtep(const Ipkit::EthAddr& mac) {
@@ -170,27 +227,7 @@ void LogicalSwitchSm::handleUcastMacVtep(const Ipkit::EthAddr& mac) {
     status->macVtepTableDel(mac);
     return;
   }
-  const Ipkit::IpGenAddr vtep = vtepAddress(hwVtepOvsdb_.get(), entry.physicalLocator());
-  VGW_TRACE(7, "Process ucast mac " << mac << ", vtep IpAddr: " << vtep << ", vni: " << vni_
-                                    << ", moves: " << publishedMoves << ", preference: " << +publishedPreference);
-  // The row stays in the database, but the fabric must not send to it.
-  if (isUselessVtep(vtep)) {
-    status->macVtepTableDel(mac);
-    VGW_TRACE(5, " return del existing mac entry");
-    return;
-  }
-  const OverlaySvc::MacVtepV2 wanted(mac, vtep.v4Addr(), publishedMoves, publishedPreference);
-  const auto& table = status->macVtepTable();
-  const auto current = table.find(mac);
-  if (current == table.end() || current->second == OverlaySvc::MacVtepV2()) {
-    VGW_TRACE(6, "Add ucast mac");
-  } else if (current->second == wanted) {
-    VGW_TRACE(8, "No-op ucast mac");
-    return;
-  } else {
-    VGW_TRACE(6, "Update ucast mac");
-  }
-  status->macVtepTableIs(mac, wanted);
+  publishUcast(*status, hwVtepOvsdb_.get(), vni_, entry);
 }
 
 void LogicalSwitchSm::handleMcastMacVtep() {
@@ -225,15 +262,10 @@ void LogicalSwitchSm::handleMacVtepMultiPath(const Ipkit::EthAddr& mac) {
     status->macVtepMultiPathTableDel(mac);
     return;
   }
-  const Kiln::Ptr<PhysicalLocatorSet> locators = hwVtepOvsdb_->physicalLocatorSet(entry.physicalLocatorSet());
-  KILN_ASSERT(locators, "physicalLocatorSet");
   VGW_TRACE(7, "Process mcast mac " << mac << ", vni: " << vni_);
   OverlaySvc::MacVtepMultiPathV2 wanted(mac);
-  for (const Uuid& locator : locators->locator()) {
-    const Ipkit::IpGenAddr vtep = vtepAddress(hwVtepOvsdb_.get(), locator);
-    VGW_TRACE(7, "Vtep Ip: " << vtep);
-    wanted.vtepIpListIs(vtep.v4Addr(), true);
-  }
+  forEachVtep(hwVtepOvsdb_.get(), entry.physicalLocatorSet(),
+              [&](const Ipkit::IpAddr& vtep) { wanted.vtepIpListIs(vtep, true); });
   const auto& table = status->macVtepMultiPathTable();
   const auto current = table.find(mac);
   if (current == table.end() || current->second == OverlaySvc::MacVtepMultiPathV2()) {
@@ -255,16 +287,14 @@ void LogicalSwitchSm::handleMacVtepFloodList(const Ipkit::EthAddr& mac) {
     status->macVtepFloodListTableDel(mac);
     return;
   }
-  const Kiln::Ptr<PhysicalLocatorSet> locators = hwVtepOvsdb_->physicalLocatorSet(entry.physicalLocatorSet());
-  KILN_ASSERT(locators, "physicalLocatorSet");
   VGW_TRACE(7, "Process mcast mac " << mac << ", vni: " << vni_);
+  // Unlike the multi-path list, the flood list must not merge two locators
+  // of one set into one VTEP.
   std::set<Ipkit::IpAddr> wanted;
-  for (const Uuid& locator : locators->locator()) {
-    const Ipkit::IpGenAddr vtep = vtepAddress(hwVtepOvsdb_.get(), locator);
-    VGW_TRACE(7, "Vtep Ip: " << vtep);
-    const auto result = wanted.insert(vtep.v4Addr());
+  forEachVtep(hwVtepOvsdb_.get(), entry.physicalLocatorSet(), [&](const Ipkit::IpAddr& vtep) {
+    const auto result = wanted.insert(vtep);
     KILN_ASSERT(result.second, "result.second && \"Duplicate Vtep Ip found in flood set.\"");
-  }
+  });
   const Kiln::Ptr<OverlaySvc::MacVtepFloodListV2> current = status->macVtepFloodListTable(mac);
   if (!current) {
     VGW_TRACE(6, "Add flood list mac");
@@ -299,7 +329,8 @@ void LogicalSwitchSm::handleIpToMac() {
     VGW_TRACE(5, " return invalidVni");
     return;
   }
-  for (const auto& [ip, entry] : remoteHostTable_->ipToMac()) handleIpToMac(ip);
+  OverlaySvc::VniStatusV2& status = *vniStatus();
+  for (const auto& [ip, entry] : remoteHostTable_->ipToMac()) publishIpToMac(status, hwVtepOvsdb_.get(), entry);
 }
 
 void LogicalSwitchSm::handleIpToMac(const Ipkit::IpGenAddr& ip) {
@@ -317,13 +348,7 @@ void LogicalSwitchSm::handleIpToMac(const Ipkit::IpGenAddr& ip) {
     }
     return;
   }
-  // Left published until the next full reconciliation removes it.
-  if (vtepAddress(hwVtepOvsdb_.get(), entry.physicalLocator()).isLoopback()) {
-    VGW_TRACE(5, " return ignoring loopback VtepIps");
-    return;
-  }
-  VGW_TRACE(7, "Associate IP: " << ip << " to MAC: " << entry.mac());
-  status->ipToMacTableIs(ip, OverlaySvc::IpToMacV2(ip, entry.mac(), publishedMoves, publishedPreference));
+  publishIpToMac(*status, hwVtepOvsdb_.get(), entry);
 }
 
 void LogicalSwitchSm::destroy() {

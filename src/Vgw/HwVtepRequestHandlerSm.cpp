@@ -139,6 +139,25 @@ void fillUnchanged(Row& oldRow, const Row& newRow, const json* oldJson, const ch
   }
 }
 
+// A table whose rows the mirror keeps as they come: stored on insert,
+// re-read on modify when `reread`, dropped on delete.
+template <class Store, class Find, class Drop>
+void keepRow(NotifyType type, const json* newRow, const ovsdb_table_schema& schema, Store store, Find find, Drop drop,
+             const char* notFound, bool reread) {
+  switch (type) {
+    case NotifyType::notifyInitial:
+    case NotifyType::notifyInsert: unmarshal(*store(), newRow, schema); return;
+    case NotifyType::notifyModify: {
+      const auto row = find();
+      KILN_ASSERT(row, notFound);
+      if (reread) unmarshal(*row, newRow, schema);
+      return;
+    }
+    case NotifyType::notifyDelete: drop(); return;
+    default: KILN_ASSERT(false, unexpectedNotification);
+  }
+}
+
 }  // namespace
 
 void JsonRpcCloser::operator()(jsonrpc* rpc) const { ovsc_jsonrpc_close(rpc); }
@@ -325,8 +344,15 @@ void handleMonitorRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequestH
     VGW_TRACE(0, "Monitor request send error: " << error);
   }
 
+  const int descriptor = ovsc_stream_get_fd(ovsc_jsonrpc_get_stream(rpc));
+  if (descriptor < 0) {
+    // Without readiness the reply would never be read.
+    VGW_TRACE(0, "Monitor connection has no file descriptor");
+    updateOvsdbRequestResult(status, SessionState::stateDisconnected, request->type(), connectionError);
+    return;
+  }
   auto fd = Kiln::newPtr<Kiln::FileDescriptor>("monitor");
-  fd->descriptorIs(ovsc_stream_get_fd(ovsc_jsonrpc_get_stream(rpc)));
+  fd->descriptorIs(descriptor);
   fd->nonBlockingIs(true);
   fd->notifyOnReadableIs(true);
   handler.fileDescriptorIs(fd);
@@ -592,11 +618,20 @@ void HwVtepRequestHandlerSm::ovsdbToLedger(NotifyType notifyType, const Uuid& uu
                                            OvsdbDataType type, OvsdbMonitorRequest*) {
   switch (type) {
     case OvsdbDataType::logicalSwitch: return processLogicalSwitch(notifyType, uuid, newRow, oldRow, tableSchema);
-    case OvsdbDataType::logicalBindingStats: return processLogicalBindingStats(notifyType, uuid, newRow, tableSchema);
+    case OvsdbDataType::logicalBindingStats:
+      return keepRow(
+          notifyType, newRow, tableSchema, [&] { return ovsdb_->logicalBindingStatsIs(uuid); },
+          [&] { return ovsdb_->logicalBindingStats(uuid); }, [&] { ovsdb_->logicalBindingStatsDel(uuid); },
+          "logicalBindingStats && \"logicalBindingStats not found\"", true);
     case OvsdbDataType::physicalPort: return processPhysicalPort(notifyType, uuid, newRow, oldRow, tableSchema);
     case OvsdbDataType::physicalSwitch: return processPhysicalSwitch(notifyType, uuid, newRow, tableSchema);
     case OvsdbDataType::physicalLocator: return processPhysicalLocator(notifyType, uuid, newRow, tableSchema);
-    case OvsdbDataType::physicalLocatorSet: return processPhysicalLocatorSet(notifyType, uuid, newRow, tableSchema);
+    case OvsdbDataType::physicalLocatorSet:
+      // A locator set never changes its content: a modify is not read.
+      return keepRow(
+          notifyType, newRow, tableSchema, [&] { return ovsdb_->physicalLocatorSetIs(uuid); },
+          [&] { return ovsdb_->physicalLocatorSet(uuid); }, [&] { ovsdb_->physicalLocatorSetDel(uuid); },
+          "phyLocSet && \"physical locator set not found\"", false);
     case OvsdbDataType::ucastMacsRemote: return processUcastMacsRemote(notifyType, uuid, newRow, oldRow, tableSchema);
     case OvsdbDataType::mcastMacsRemote: return processMcastMacsRemote(notifyType, uuid, newRow, oldRow, tableSchema);
     case OvsdbDataType::global: return processGlobal(notifyType, uuid, newRow, tableSchema);
@@ -605,7 +640,12 @@ void HwVtepRequestHandlerSm::ovsdbToLedger(NotifyType notifyType, const Uuid& uu
     case OvsdbDataType::ucastMacsLocal: return processUcastMacsLocal(notifyType, uuid, newRow, tableSchema);
     case OvsdbDataType::mcastMacsLocal: return processMcastMacsLocal(notifyType, uuid, newRow, tableSchema);
     case OvsdbDataType::tunnel: return processTunnel(notifyType, uuid, newRow, tableSchema);
-    case OvsdbDataType::logicalRouter: return processLogicalRouter(notifyType, uuid, newRow, tableSchema);
+    case OvsdbDataType::logicalRouter:
+      if (LrSmInterface* lrSm = rootSm_ ? rootSm_->lrSm() : nullptr) lrSm->dirtyUuidIs(uuid);
+      return keepRow(
+          notifyType, newRow, tableSchema, [&] { return ovsdb_->logicalRouterRawIs(uuid); },
+          [&] { return ovsdb_->logicalRouterRaw(uuid); }, [&] { ovsdb_->logicalRouterRawDel(uuid); },
+          "!!logicalRouter && \"logicalRouter not found\"", true);
     case OvsdbDataType::arpSourcesLocal: return processArpSourcesLocal(notifyType, uuid, newRow, tableSchema);
     case OvsdbDataType::arpSourcesRemote:
       return processArpSourcesRemote(notifyType, uuid, newRow, oldRow, tableSchema);
@@ -640,7 +680,8 @@ void HwVtepRequestHandlerSm::processLogicalSwitch(NotifyType type, const Uuid& u
       unmarshal(*ls, newRow, schema);
       LogicalSwitch previous(uuid);
       unmarshal(previous, oldRow, schema);
-      if (previous.tunnelKey().isValid()) {
+      // A key that appears or goes changes which bindings are uplinks.
+      if (changed(oldRow, "tunnel_key")) {
         VGW_TRACE(6, "PrevLs tunnel key: " << previous.tunnelKey() << " CurrLs tunnel key: " << ls->tunnelKey());
         localData_->switchBindingDirtyIs(true);
       }
@@ -656,22 +697,6 @@ void HwVtepRequestHandlerSm::processLogicalSwitch(NotifyType type, const Uuid& u
       localData_->remoteHostTableDel(uuid);
       ovsdb_->logicalSwitchDel(uuid);
       return;
-    default: KILN_ASSERT(false, unexpectedNotification);
-  }
-}
-
-void HwVtepRequestHandlerSm::processLogicalBindingStats(NotifyType type, const Uuid& uuid, const json* newRow,
-                                                        const ovsdb_table_schema& schema) {
-  switch (type) {
-    case NotifyType::notifyInitial:
-    case NotifyType::notifyInsert: unmarshal(*ovsdb_->logicalBindingStatsIs(uuid), newRow, schema); return;
-    case NotifyType::notifyModify: {
-      const Kiln::Ptr<LogicalBindingStats> stats = ovsdb_->logicalBindingStats(uuid);
-      KILN_ASSERT(stats, "logicalBindingStats && \"logicalBindingStats not found\"");
-      unmarshal(*stats, newRow, schema);
-      return;
-    }
-    case NotifyType::notifyDelete: ovsdb_->logicalBindingStatsDel(uuid); return;
     default: KILN_ASSERT(false, unexpectedNotification);
   }
 }
@@ -704,20 +729,6 @@ void HwVtepRequestHandlerSm::processPhysicalLocator(NotifyType type, const Uuid&
       ovsdb_->physicalLocatorRawDel(uuid);
       return;
     }
-    default: KILN_ASSERT(false, unexpectedNotification);
-  }
-}
-
-void HwVtepRequestHandlerSm::processPhysicalLocatorSet(NotifyType type, const Uuid& uuid, const json* newRow,
-                                                       const ovsdb_table_schema& schema) {
-  switch (type) {
-    case NotifyType::notifyInitial:
-    case NotifyType::notifyInsert: unmarshal(*ovsdb_->physicalLocatorSetIs(uuid), newRow, schema); return;
-    case NotifyType::notifyModify:
-      // A locator set never changes its content.
-      KILN_ASSERT(ovsdb_->physicalLocatorSet(uuid), "phyLocSet && \"physical locator set not found\"");
-      return;
-    case NotifyType::notifyDelete: ovsdb_->physicalLocatorSetDel(uuid); return;
     default: KILN_ASSERT(false, unexpectedNotification);
   }
 }
@@ -1136,23 +1147,6 @@ void HwVtepRequestHandlerSm::processMcastMacsLocal(NotifyType type, const Uuid& 
   }
   VGW_TRACE(6, "Uuid: " << uuid << " Mac: " << mac << " Logical Switch: " << parts.logicalSwitch << " Vni: " << vni
                         << " Locator: " << parts.locatorSet);
-}
-
-void HwVtepRequestHandlerSm::processLogicalRouter(NotifyType type, const Uuid& uuid, const json* newRow,
-                                                  const ovsdb_table_schema& schema) {
-  if (LrSmInterface* lrSm = rootSm_ ? rootSm_->lrSm() : nullptr) lrSm->dirtyUuidIs(uuid);
-  switch (type) {
-    case NotifyType::notifyInitial:
-    case NotifyType::notifyInsert: unmarshal(*ovsdb_->logicalRouterRawIs(uuid), newRow, schema); return;
-    case NotifyType::notifyModify: {
-      const Kiln::Ptr<LogicalRouter> logicalRouter = ovsdb_->logicalRouterRaw(uuid);
-      KILN_ASSERT(logicalRouter, "!!logicalRouter && \"logicalRouter not found\"");
-      unmarshal(*logicalRouter, newRow, schema);
-      return;
-    }
-    case NotifyType::notifyDelete: ovsdb_->logicalRouterRawDel(uuid); return;
-    default: KILN_ASSERT(false, unexpectedNotification);
-  }
 }
 
 void HwVtepRequestHandlerSm::processManager(NotifyType type, const Uuid& uuid, const json* newRow, const json*,

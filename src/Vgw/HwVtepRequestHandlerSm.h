@@ -39,6 +39,7 @@
 // for their length by design.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <set>
 #include <vector>
@@ -172,11 +173,7 @@ class HwVtepRequestHandlerSm : public Kiln::PtrInterface {
   // One message's rows, table by table.
   void processLogicalSwitch(NotifyType type, const Uuid& uuid, const json* newRow, const json* oldRow,
                             const ovsdb_table_schema& schema);
-  void processLogicalBindingStats(NotifyType type, const Uuid& uuid, const json* newRow,
-                                  const ovsdb_table_schema& schema);
   void processPhysicalLocator(NotifyType type, const Uuid& uuid, const json* newRow, const ovsdb_table_schema& schema);
-  void processPhysicalLocatorSet(NotifyType type, const Uuid& uuid, const json* newRow,
-                                 const ovsdb_table_schema& schema);
   void processTunnel(NotifyType type, const Uuid& uuid, const json* newRow, const ovsdb_table_schema& schema);
   void processPhysicalPort(NotifyType type, const Uuid& uuid, const json* newRow, const json* oldRow,
                            const ovsdb_table_schema& schema);
@@ -190,7 +187,6 @@ class HwVtepRequestHandlerSm : public Kiln::PtrInterface {
                               const ovsdb_table_schema& schema);
   void processUcastMacsLocal(NotifyType type, const Uuid& uuid, const json* newRow, const ovsdb_table_schema& schema);
   void processMcastMacsLocal(NotifyType type, const Uuid& uuid, const json* newRow, const ovsdb_table_schema& schema);
-  void processLogicalRouter(NotifyType type, const Uuid& uuid, const json* newRow, const ovsdb_table_schema& schema);
   void processManager(NotifyType type, const Uuid& uuid, const json* newRow, const json* oldRow,
                       const ovsdb_table_schema& schema);
   void processGlobal(NotifyType type, const Uuid& uuid, const json* newRow, const ovsdb_table_schema& schema);

@@ -30,6 +30,16 @@ class VgwSession : public ::testing::Test {
     ASSERT_TRUE(reach(SessionState::stateConnected)) << root.sessionStatus()->lastResult();
   }
 
+  // Logical switch "blue" on VNI 5000 with one remote host, then the session.
+  Uuid connectWithHost(const std::string& host, const std::string& vtep, const std::string& ipaddr = "") {
+    const Uuid blue = db.addLogicalSwitch("blue", 5000);
+    Json ops = Json::array();
+    db.ucastRemote(ops, blue, host, vtep, ipaddr);
+    db.transact(ops);
+    connect();
+    return blue;
+  }
+
   bool reach(SessionState state) {
     return runner.runUntil([&] { return root.state() == state; });
   }
@@ -81,12 +91,7 @@ class VgwSession : public ::testing::Test {
 };
 
 TEST_F(VgwSession, SubscriptionIsAcceptedAndFirstContentsLandInTheMirror) {
-  const Uuid blue = db.addLogicalSwitch("blue", 5000);
-  Json ops = Json::array();
-  db.ucastRemote(ops, blue, "00:11:22:33:44:55", "10.0.0.1", "10.1.1.5");
-  db.transact(ops);
-
-  connect();
+  const Uuid blue = connectWithHost("00:11:22:33:44:55", "10.0.0.1", "10.1.1.5");
   // Sixteen tables: the fifteen of the map in name order, then Manager's two columns.
   const auto& members = root.client()->monitorRequest()->monitor();
   ASSERT_EQ(members.size(), 16u);
@@ -191,15 +196,11 @@ TEST_F(VgwSession, ControllerRowsReachTheMirrorAndTheRemoteHostTables) {
 }
 
 TEST_F(VgwSession, HostMoveIsNoConflictButTwoLocatorsForOneMacDropTheSession) {
-  const Uuid blue = db.addLogicalSwitch("blue", 5000);
-  Json ops = Json::array();
-  db.ucastRemote(ops, blue, "00:11:22:33:44:55", "10.0.0.1");
-  db.transact(ops);
-  connect();
+  const Uuid blue = connectWithHost("00:11:22:33:44:55", "10.0.0.1");
 
   // The host moves to 10.0.0.2: its row is deleted and another inserted in
   // one transaction, so in one update.
-  ops = Json::array({Controller::deleteWhere("Ucast_Macs_Remote", "MAC", "00:11:22:33:44:55")});
+  Json ops = Json::array({Controller::deleteWhere("Ucast_Macs_Remote", "MAC", "00:11:22:33:44:55")});
   db.ucastRemote(ops, blue, "00:11:22:33:44:55", "10.0.0.2");
   db.transact(ops);
   sync();
@@ -371,11 +372,7 @@ TEST_F(VgwSession, TransactionsAreDroppedUnlessConnectedAndHeldWhileDiscarding) 
 }
 
 TEST_F(VgwSession, OnlyAPureUnicastUpdateTakesTheNarrowPath) {
-  const Uuid blue = db.addLogicalSwitch("blue", 5000);
-  Json ops = Json::array();
-  db.ucastRemote(ops, blue, "00:00:00:00:00:01", "10.0.0.1");
-  db.transact(ops);
-  connect();
+  const Uuid blue = connectWithHost("00:00:00:00:00:01", "10.0.0.1");
   TraceCapture trace("VgwRequestHandler/6");
   const auto narrow = [&] {
     std::size_t count = 0;
@@ -388,7 +385,7 @@ TEST_F(VgwSession, OnlyAPureUnicastUpdateTakesTheNarrowPath) {
   const auto vtepOf = [&](const char* m) { return published(5000)->macVtepTable(mac(m)).vtepIp(); };
 
   // Behind a VTEP the mirror knows: only Ucast_Macs_Remote changes.
-  ops = Json::array();
+  Json ops = Json::array();
   db.ucastRemote(ops, blue, "00:00:00:00:00:02", "10.0.0.1", "10.1.1.2");
   db.transact(ops);
   ASSERT_TRUE(runner.runUntil([&] { return vtepOf("00:00:00:00:00:02") == Ipkit::IpAddr::parse("10.0.0.1"); }));

@@ -587,24 +587,4 @@ void Agent::doControllerMountsComplete(Ledger::MountStatus mountStatus,
            lrConfigDir, lrConfigReady, ofcErrorStatus);
 }
 
-const Kiln::Ptr<RootSm>& Agent::rootSmIs(
-    Kiln::Ptr<const Config> config, Kiln::Ptr<const CliConfig> cliConfig, Kiln::Ptr<Status> status,
-    Kiln::Ptr<const FleetStore::Config> fleetStoreConfig,
-    Kiln::Ptr<const FleetCluster::ClusterStatus> defaultClusterStatus, Kiln::Ptr<Kiln::Dir> dynVtepConfig,
-    Kiln::Ptr<OverlaySvc::DynVtepConfigReadyV2> dynVtepConfigReady, Kiln::Ptr<const Kiln::Dir> errorStatusDir,
-    Kiln::Ptr<const FabricMapV3::Status> topoStatus, Kiln::Ptr<const OverlaySvc::VniStatusDirV2> vniStatusDirIn,
-    Kiln::Ptr<OverlaySvc::VniStatusDirV2> vniStatusDirOut, Kiln::Ptr<const Kiln::Dir> vtepStatusDirAgg,
-    Kiln::Ptr<const OverlaySvc::OfcStateV2> ofcState, Kiln::Ptr<OverlaySvc::OfcStateClientViewV2> ofcStateReply,
-    Kiln::Ptr<Kiln::Dir> lrConfigDir, Kiln::Ptr<OverlaySvc::ServiceReadyV2> lrConfigReady,
-    Kiln::Ptr<const OverlaySvc::ErrorStatusV2> ofcErrorStatus) {
-  rootSm_ = nullptr;
-  rootSm_ = Kiln::newPtr<RootSm>(std::move(config), std::move(cliConfig), std::move(status),
-                                 std::move(fleetStoreConfig), std::move(defaultClusterStatus), std::move(dynVtepConfig),
-                                 std::move(dynVtepConfigReady), std::move(errorStatusDir), std::move(topoStatus),
-                                 std::move(vniStatusDirIn), std::move(vniStatusDirOut), std::move(vtepStatusDirAgg),
-                                 std::move(ofcState), std::move(ofcStateReply), std::move(lrConfigDir),
-                                 std::move(lrConfigReady), std::move(ofcErrorStatus), this);
-  return rootSm_;
-}
-
 }  // namespace Vgw

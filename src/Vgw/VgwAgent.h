@@ -39,6 +39,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Hearth/ServiceAgent.h"
@@ -312,17 +313,14 @@ class Agent : public Hearth::ServiceAgent {
   ServiceMounter* serviceMounterIs(Agent* agent);
   void exitingHandlerIs(ExitingHandler handler) { exitingHandler_ = std::move(handler); }
 
-  // Builds the root state machine; its arguments in the order of RootSm's constructor.
-  const Kiln::Ptr<RootSm>& rootSmIs(
-      Kiln::Ptr<const Config> config, Kiln::Ptr<const CliConfig> cliConfig, Kiln::Ptr<Status> status,
-      Kiln::Ptr<const FleetStore::Config> fleetStoreConfig,
-      Kiln::Ptr<const FleetCluster::ClusterStatus> defaultClusterStatus, Kiln::Ptr<Kiln::Dir> dynVtepConfig,
-      Kiln::Ptr<OverlaySvc::DynVtepConfigReadyV2> dynVtepConfigReady, Kiln::Ptr<const Kiln::Dir> errorStatusDir,
-      Kiln::Ptr<const FabricMapV3::Status> topoStatus, Kiln::Ptr<const OverlaySvc::VniStatusDirV2> vniStatusDirIn,
-      Kiln::Ptr<OverlaySvc::VniStatusDirV2> vniStatusDirOut, Kiln::Ptr<const Kiln::Dir> vtepStatusDirAgg,
-      Kiln::Ptr<const OverlaySvc::OfcStateV2> ofcState, Kiln::Ptr<OverlaySvc::OfcStateClientViewV2> ofcStateReply,
-      Kiln::Ptr<Kiln::Dir> lrConfigDir, Kiln::Ptr<OverlaySvc::ServiceReadyV2> lrConfigReady,
-      Kiln::Ptr<const OverlaySvc::ErrorStatusV2> ofcErrorStatus);
+  // Builds the root state machine from its inputs, given in the order of
+  // RootSm's constructor; this agent is its agent.
+  template <class... Inputs>
+  const Kiln::Ptr<RootSm>& rootSmIs(Inputs&&... inputs) {
+    rootSm_ = nullptr;
+    rootSm_ = Kiln::newPtr<RootSm>(std::forward<Inputs>(inputs)..., this);
+    return rootSm_;
+  }
 
   // The tape lock file says, while it exists, that the agent is enabled; one
   // found at start means the last life ended without cleaning up. Returns

@@ -3,7 +3,6 @@
 // by leadership, the managers of the configuration in the database, and
 // manager convergence on simulated time.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <string>
 
@@ -26,8 +25,6 @@ constexpr std::uint32_t longInterval = 20;
 class RootSmTest : public testing::Test {
  protected:
   RootSmTest() {
-    // The lock file belongs to the agent's start; these tests build the root alone.
-    setenv("RINGTAPE_DISABLE", "1", 1);
     freshLocalData();
     config->ovsdbSocketPathIs(server.socketPath());
     config->mgrConvergenceShortIntervalIs(shortInterval);
@@ -36,10 +33,7 @@ class RootSmTest : public testing::Test {
     cliConfig->managerAddressIs(nvc, true);
     topoStatus->convergenceStatusIs("convergence")->convergenceInProgressIs(false);
   }
-  ~RootSmTest() override {
-    root = nullptr;
-    unsetenv("RINGTAPE_DISABLE");
-  }
+  ~RootSmTest() override { root = nullptr; }
 
   void start(bool withOfcState = true) {
     root = Kiln::newPtr<RootSm>(config, cliConfig, status, fleetConfig, cluster, Kiln::newPtr<Kiln::Dir>(),

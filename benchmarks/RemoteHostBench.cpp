@@ -5,32 +5,25 @@
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 
-#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "BenchHosts.h"
 #include "RingTape/RingTape.h"
 #include "Vgw/RemoteHostSm.h"
 
 namespace Vgw {
 namespace {
 
+using Bench::hostIp;
+using Bench::hostMac;
+
 constexpr std::uint32_t hosts = 10000;
 constexpr std::uint32_t vtepCount = 100;
 const Vxlan::Vni vni(5000);
 
 Uuid rowId(std::uint32_t kind, std::uint32_t n) { return Uuid(kind, n, 0x80000000u, 0); }
-
-Ipkit::EthAddr hostMac(std::uint32_t n) {
-  char text[18];
-  std::snprintf(text, sizeof text, "00:00:%02x:%02x:%02x:01", (n >> 16) & 0xff, (n >> 8) & 0xff, n & 0xff);
-  return Ipkit::EthAddr::parse(text);
-}
-
-Ipkit::IpGenAddr hostIp(std::uint32_t n) {
-  return Ipkit::IpAddr(10, 128 + ((n >> 16) & 0x3f), (n >> 8) & 0xff, n & 0xff);
-}
 
 // The mirror and the remote host table as a monitor message of `hosts` rows
 // leaves them.
@@ -50,7 +43,7 @@ struct Fabric {
     table = localData->remoteHostTableIs(ls);
     for (std::uint32_t v = 0; v < vtepCount; ++v) {
       ovsdb->physicalLocatorRawIs(rowId(2, v))
-          ->keyIs(PhysicalLocatorKey(EncapsulationType::vxlan_over_ipv4, Ipkit::IpAddr(10, 0, 1, 1 + v)));
+          ->keyIs(PhysicalLocatorKey(EncapsulationType::vxlan_over_ipv4, Bench::vtepIp(v)));
     }
     for (std::uint32_t n = 0; n < hosts; ++n) {
       auto row = Kiln::newPtr<UcastMacsRemote>(rowId(3, n));

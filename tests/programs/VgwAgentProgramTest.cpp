@@ -1,7 +1,8 @@
 // vgw-agent as a process against a private ovsdb-server, driven and read
 // through vgwctl: the example configuration reaching the database, the
 // operator's changes, refused requests, refused configurations and
-// arguments, and a stop by signal.
+// arguments, a stop by signal, and the controller's hosts as the fabric
+// sees them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -269,6 +270,43 @@ TEST_F(VgwAgentProgram, BadConfigurationsAndArgumentsAreRefusedByName) {
   Process version(VGW_AGENT_PATH, {"--version"}, dir);
   EXPECT_EQ(version.wait(), 0);
   EXPECT_EQ(version.out().rfind("vgw-agent ", 0), 0u) << version.out();
+}
+
+TEST_F(VgwAgentProgram, ControllerHostsShowThroughVgwctlAndFollowTheVtepListTypeItSets) {
+  auto agent = startAgent();
+  ASSERT_TRUE(waitFor([&] { return sessionIs("stateConnected"); })) << agent->err();
+  server.vtepCtl("add-ls", "blue");
+  server.vtepCtl("set", "Logical_Switch", "blue", "tunnel_key=5000");
+  server.vtepCtl("add-ucast-remote", "blue", "00:11:22:33:44:55", "10.0.0.1");
+  server.vtepCtl("add-mcast-remote", "blue", "unknown-dst", "10.0.0.1");
+  server.vtepCtl("add-mcast-remote", "blue", "unknown-dst", "10.0.0.2");
+  // The VniStatusV2 of VNI 5000 as vgwctl shows the whole directory.
+  const auto vni5000 = [&] {
+    const Result got = vgwctl({"get", "--compact", "vgw/version2/vniStatusDir"});
+    EXPECT_EQ(got.status, 0) << got.err;
+    const Json all = got.status == 0 ? Json::parse(got.out) : Json();
+    return all.is_object() && all["vniStatusV2"].contains("5000") ? all["vniStatusV2"]["5000"] : Json();
+  };
+  const Json vteps = {{"10.0.0.1", true}, {"10.0.0.2", true}};
+  const Json floodList = {{"00:00:00:00:00:00", {{"mac", "00:00:00:00:00:00"}, {"vtepIpFloodList", vteps}}}};
+  const Json multiPath = {{"00:00:00:00:00:00", {{"mac", "00:00:00:00:00:00"}, {"vtepIpList", vteps}}}};
+  ASSERT_TRUE(waitFor([&] { return vni5000()["macVtepFloodListTable"] == floodList; })) << vni5000().dump();
+  Json published = vni5000();
+  EXPECT_EQ(published["vni"], 5000);
+  EXPECT_EQ(published["macVtepTable"],
+            Json({{"00:11:22:33:44:55", {{"mac", "00:11:22:33:44:55"}, {"vtepIp", "10.0.0.1"}, {"moves", 1}, {"preference", 32}}}}));
+  EXPECT_EQ(published["macVtepMultiPathTable"], Json::object());
+
+  // The agent has moved the entries when the set is answered.
+  ASSERT_EQ(vgwctl({"set", "vgw/cliconfig/vtepListType", "1"}).status, 0);
+  published = vni5000();
+  EXPECT_EQ(published["macVtepMultiPathTable"], multiPath);
+  EXPECT_EQ(published["macVtepFloodListTable"], Json::object());
+  ASSERT_EQ(vgwctl({"set", "vgw/cliconfig/vtepListType", "floodList"}).status, 0);
+  published = vni5000();
+  EXPECT_EQ(published["macVtepFloodListTable"], floodList);
+  EXPECT_EQ(published["macVtepMultiPathTable"], Json::object());
+  EXPECT_EQ(published["macVtepTable"].size(), 1u);
 }
 
 }  // namespace

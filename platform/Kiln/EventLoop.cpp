@@ -51,6 +51,8 @@ void EventLoop::post(std::function<void()> fn) { posted_.push_back(std::move(fn)
 double EventLoop::nextTimerTime() const { return timers_.empty() ? plusInfinity : timers_.begin()->first.time; }
 
 bool EventLoop::runOnce(double maxWait) {
+  // Timers armed from here on belong to a later turn, even when already due.
+  const std::uint64_t armedBefore = timerSequence_;
   bool ran = runPosted();
   double wait = maxWait;
   if (!posted_.empty()) {
@@ -64,7 +66,7 @@ bool EventLoop::runOnce(double maxWait) {
     }
   }
   ran |= runDescriptors(wait);
-  ran |= runTimers();
+  ran |= runTimers(armedBefore);
   return ran;
 }
 
@@ -108,11 +110,9 @@ bool EventLoop::runDescriptors(double maxWait) {
   return n > 0;
 }
 
-bool EventLoop::runTimers() {
+bool EventLoop::runTimers(std::uint64_t armedBefore) {
   const double now = System::currentTime();
-  const std::uint64_t armedBefore = timerSequence_;
   bool ran = false;
-  // Timers armed while these run wait for a later turn, even when due.
   auto due = [&](const TimerMap::iterator& it) {
     return it != timers_.end() && it->first.time <= now && it->first.sequence < armedBefore;
   };

@@ -94,7 +94,7 @@ class EventLoop {
 
   bool runPosted();
   bool runDescriptors(double maxWait);
-  bool runTimers();
+  bool runTimers(std::uint64_t armedBefore);
 
   int epoll_ = -1;
   bool stopping_ = false;

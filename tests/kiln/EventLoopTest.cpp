@@ -65,6 +65,16 @@ TEST_F(EventLoopTest, timerArmedWhileTimersRunWaitsForTheNextTurn) {
   EXPECT_EQ(log.size(), 3u);
 }
 
+TEST_F(EventLoopTest, timerArmedEarlierInATurnWaitsForTheNextTurn) {
+  Timer t(&log, "t");
+  t.notifierIs(loop().clock());
+  loop().post([&] { t.timeMinIs(Kiln::System::currentTime()); });
+  loop().runOnce(0);
+  EXPECT_TRUE(log.empty());
+  loop().runOnce(0);
+  EXPECT_EQ(log, std::vector<std::string>{"t@1000"});
+}
+
 TEST_F(EventLoopTest, simulatedTimeRunsLongTimersInOrderWithoutWaiting) {
   Timer reconnect(&log, "reconnect");
   Timer shortTimer(&log, "short");

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,9 +13,11 @@
 
 namespace {
 
+using Seen = std::vector<std::string>;
+
 class Timer : public Kiln::Clock::NotifieeConst {
  public:
-  explicit Timer(std::vector<std::string>* log, std::string name) : log_(log), name_(std::move(name)) {}
+  Timer(Seen* log, std::string name) : log_(log), name_(std::move(name)) {}
   std::function<void()> then;
   void onTimeMin() override {
     log_->push_back(name_ + "@" + std::to_string(static_cast<int>(Kiln::System::currentTime())));
@@ -21,7 +25,7 @@ class Timer : public Kiln::Clock::NotifieeConst {
   }
 
  private:
-  std::vector<std::string>* log_;
+  Seen* log_;
   std::string name_;
 };
 
@@ -30,101 +34,84 @@ class EventLoopTest : public testing::Test {
   EventLoopTest() { Kiln::System::timeSourceIs(&time); }
   ~EventLoopTest() override { Kiln::System::timeSourceIs(nullptr); }
   Kiln::EventLoop& loop() { return scoped.loop(); }
+  // Runs `n` turns and gives how many timers fired in all so far.
+  std::size_t turns(int n) {
+    for (int i = 0; i < n; ++i) loop().runOnce(0);
+    return log.size();
+  }
 
   Kiln::SimulatedTimeSource time{1000.0};
   Kiln::ScopedEventLoop scoped;
-  std::vector<std::string> log;
+  Seen log;
+  Timer t{&log, "t"};
 };
 
 TEST_F(EventLoopTest, pastTimeFiresOnTheNextTurnNeverInsideTheCall) {
-  Timer t(&log, "t");
   t.notifierIs(loop().clock());
   t.timeMinIs(Kiln::System::currentTime() - 5);
   EXPECT_TRUE(log.empty());
-  loop().runOnce(0);
-  EXPECT_EQ(log, std::vector<std::string>{"t@1000"});
-  loop().runOnce(0);
-  EXPECT_EQ(log.size(), 1u);  // fires once
+  EXPECT_EQ(turns(1), 1u);
+  EXPECT_EQ(log, Seen{"t@1000"});
+  EXPECT_EQ(turns(1), 1u);  // fires once
 }
 
-TEST_F(EventLoopTest, timerArmedWhileTimersRunWaitsForTheNextTurn) {
-  Timer t(&log, "t");
+TEST_F(EventLoopTest, timerArmedDuringATurnWaitsForTheNextTurn) {
   t.notifierIs(loop().clock());
+  // Armed by a posted call, before the turn's timers run.
+  loop().post([&] { t.timeMinIs(Kiln::System::currentTime()); });
+  EXPECT_EQ(turns(1), 0u);
+  EXPECT_EQ(turns(1), 1u);
+  // Armed again by its own callback, while the timers run.
   int rearmed = 0;
   t.then = [&] {
     if (rearmed++ < 2) t.timeMinIs(Kiln::System::currentTime());
   };
   t.timeMinIs(1000);
-  loop().runOnce(0);
-  EXPECT_EQ(log.size(), 1u);
-  loop().runOnce(0);
-  EXPECT_EQ(log.size(), 2u);
-  loop().runOnce(0);
-  EXPECT_EQ(log.size(), 3u);
-  loop().runOnce(0);
-  EXPECT_EQ(log.size(), 3u);
-}
-
-TEST_F(EventLoopTest, timerArmedEarlierInATurnWaitsForTheNextTurn) {
-  Timer t(&log, "t");
-  t.notifierIs(loop().clock());
-  loop().post([&] { t.timeMinIs(Kiln::System::currentTime()); });
-  loop().runOnce(0);
-  EXPECT_TRUE(log.empty());
-  loop().runOnce(0);
-  EXPECT_EQ(log, std::vector<std::string>{"t@1000"});
+  EXPECT_EQ(turns(1), 2u);
+  EXPECT_EQ(turns(1), 3u);
+  EXPECT_EQ(turns(1), 4u);
+  EXPECT_EQ(turns(1), 4u);
 }
 
 TEST_F(EventLoopTest, simulatedTimeRunsLongTimersInOrderWithoutWaiting) {
-  Timer reconnect(&log, "reconnect");
   Timer shortTimer(&log, "short");
   Timer never(&log, "never");
-  for (Timer* t : {&reconnect, &shortTimer, &never}) t->notifierIs(loop().clock());
+  Timer& reconnect = t;
+  for (Timer* each : {&reconnect, &shortTimer, &never}) each->notifierIs(loop().clock());
   reconnect.then = [&] { reconnect.timeMinIs(Kiln::System::currentTime() + 15.0); };
   reconnect.timeMinIs(1015.0);
   shortTimer.timeMinIs(1020.0);
   never.timeMinIs(Kiln::plusInfinity);
   loop().advanceTo(time, 1000.0 + 3600.0);
   ASSERT_EQ(log.size(), 241u);  // every 15 s for an hour, plus the short one
-  EXPECT_EQ(log[0], "reconnect@1015");
-  EXPECT_EQ(log[1], "short@1020");
-  EXPECT_EQ(log[2], "reconnect@1030");
-  EXPECT_EQ(log.back(), "reconnect@4600");
+  EXPECT_EQ(Seen(log.begin(), log.begin() + 3), (Seen{"t@1015", "short@1020", "t@1030"}));
+  EXPECT_EQ(log.back(), "t@4600");
   EXPECT_EQ(Kiln::System::currentTime(), 4600.0);
   EXPECT_EQ(loop().nextTimerTime(), 4615.0);
 }
 
-TEST_F(EventLoopTest, movingAnArmedTimerOutOrDisarmingIt) {
-  Timer t(&log, "t");
-  t.notifierIs(loop().clock());
-  t.timeMinIs(1010);
-  t.timeMinIs(1030);  // a later disconnect pushes the expiry out
-  loop().advanceTo(time, 1020);
-  EXPECT_TRUE(log.empty());
-  t.timeMinIs(Kiln::plusInfinity);
-  loop().advanceTo(time, 2000);
-  EXPECT_TRUE(log.empty());
-  EXPECT_EQ(loop().nextTimerTime(), Kiln::plusInfinity);
-}
-
-TEST_F(EventLoopTest, timerSetBeforeAttachmentArmsOnAttachment) {
-  Timer t(&log, "t");
-  t.timeMinIs(1005);
+TEST_F(EventLoopTest, timersMoveDisarmArmOnAttachmentAndDieWithTheirReactor) {
+  t.timeMinIs(1005);  // not attached yet
   loop().advanceTo(time, 1010);
   EXPECT_TRUE(log.empty());
   t.notifierIs(loop().clock());
-  loop().runOnce(0);
-  EXPECT_EQ(log, std::vector<std::string>{"t@1010"});
-}
+  EXPECT_EQ(turns(1), 1u);
+  EXPECT_EQ(log, Seen{"t@1010"});
 
-TEST_F(EventLoopTest, destroyedTimerNeverFires) {
+  t.timeMinIs(1020);
+  t.timeMinIs(1030);  // a later disconnect pushes the expiry out
+  loop().advanceTo(time, 1025);
+  t.timeMinIs(Kiln::plusInfinity);
+  loop().advanceTo(time, 2000);
+  EXPECT_EQ(log.size(), 1u);
+  EXPECT_EQ(loop().nextTimerTime(), Kiln::plusInfinity);
   {
-    Timer t(&log, "t");
-    t.notifierIs(loop().clock());
-    t.timeMinIs(1001);
+    Timer gone(&log, "gone");
+    gone.notifierIs(loop().clock());
+    gone.timeMinIs(2001);
   }
-  loop().advanceTo(time, 1100);
-  EXPECT_TRUE(log.empty());
+  loop().advanceTo(time, 2100);
+  EXPECT_EQ(log.size(), 1u);
 }
 
 TEST_F(EventLoopTest, postedCallsRunOnTheNextTurnInOrder) {
@@ -134,28 +121,22 @@ TEST_F(EventLoopTest, postedCallsRunOnTheNextTurnInOrder) {
   });
   loop().post([&] { log.push_back("b"); });
   EXPECT_TRUE(log.empty());
-  loop().runOnce(0);
-  EXPECT_EQ(log, (std::vector<std::string>{"a", "b"}));
-  loop().runOnce(0);
-  EXPECT_EQ(log, (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(turns(1), 2u);
+  EXPECT_EQ(turns(1), 3u);
+  EXPECT_EQ(log, (Seen{"a", "b", "c"}));
 }
 
+// Reads one byte per notification.
 class Reader : public Kiln::FileDescriptor::NotifieeConst {
  public:
   int reads = 0;
-  int chunk = 1;
   std::function<void()> then;
   void onReadable() override {
     ++reads;
-    char buf[16];
-    [[maybe_unused]] auto n = read(notifier()->descriptor(), buf, static_cast<size_t>(chunk));
+    const auto* fd = static_cast<const Kiln::FileDescriptor*>(notifierBase().get());
+    char c;
+    [[maybe_unused]] auto n = read(fd->descriptor(), &c, 1);
     if (then) then();
-  }
-
- private:
-  Kiln::Ptr<const Kiln::FileDescriptor> notifier() const {
-    return Kiln::Ptr<const Kiln::FileDescriptor>(
-        static_cast<const Kiln::FileDescriptor*>(notifierBase().get()));
   }
 };
 
@@ -167,43 +148,40 @@ struct Pipe {
     close(fds[1]);
   }
   void put(const char* text) { ASSERT_GT(write(fds[1], text, strlen(text)), 0); }
+  Kiln::Ptr<Kiln::FileDescriptor> reader() {
+    auto fd = Kiln::newPtr<Kiln::FileDescriptor>("pipe");
+    fd->descriptorIs(fds[0]);
+    fd->notifyOnReadableIs(true);
+    return fd;
+  }
 };
 
 TEST_F(EventLoopTest, readableDescriptorFiresEachTurnUntilDrained) {
   Pipe p;
-  auto fd = Kiln::newPtr<Kiln::FileDescriptor>("pipe");
-  fd->descriptorIs(p.fds[0]);
+  auto fd = p.reader();
   EXPECT_TRUE(fd->nonBlockingIs(true));
-  fd->notifyOnReadableIs(true);
   Reader r;
   r.notifierIs(fd);
-  loop().runOnce(0);
+  turns(1);
   EXPECT_EQ(r.reads, 0);
   p.put("abc");
-  loop().runOnce(0);
-  loop().runOnce(0);
-  loop().runOnce(0);
-  loop().runOnce(0);
+  turns(4);
   EXPECT_EQ(r.reads, 3);  // one byte per turn, then quiet
 
   fd->notifyOnReadableIs(false);
   p.put("d");
-  loop().runOnce(0);
+  turns(1);
   EXPECT_EQ(r.reads, 3);
   fd->notifyOnReadableIs(true);
-  loop().runOnce(0);
+  turns(1);
   EXPECT_EQ(r.reads, 4);
 }
 
 TEST_F(EventLoopTest, reactorMayDropAnotherDescriptorOfTheSameTurn) {
   Pipe a;
   Pipe b;
-  auto fa = Kiln::newPtr<Kiln::FileDescriptor>("a");
-  auto fb = Kiln::newPtr<Kiln::FileDescriptor>("b");
-  fa->descriptorIs(a.fds[0]);
-  fb->descriptorIs(b.fds[0]);
-  fa->notifyOnReadableIs(true);
-  fb->notifyOnReadableIs(true);
+  auto fa = a.reader();
+  auto fb = b.reader();
   Reader ra;
   Reader rb;
   ra.notifierIs(fa);
@@ -219,7 +197,7 @@ TEST_F(EventLoopTest, reactorMayDropAnotherDescriptorOfTheSameTurn) {
   };
   a.put("x");
   b.put("y");
-  loop().runOnce(0);
+  turns(1);
   EXPECT_EQ(ra.reads + rb.reads, 1);
 }
 

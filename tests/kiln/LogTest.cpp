@@ -1,7 +1,8 @@
+// Log lines: the text of each argument, what keeps a line one line, rate
+// limits per handle and per key on simulated time, and the catalogue.
 #include "Kiln/Log.h"
 
 #include <gtest/gtest.h>
-#include <syslog.h>
 
 #include <algorithm>
 #include <memory>
@@ -16,6 +17,7 @@ namespace {
 
 using Kiln::LogHandle;
 using Kiln::LogSeverity;
+using Lines = std::vector<std::string>;
 
 LogHandle unlimitedHandle("KXT_TEST_UNLIMITED", LogSeverity::warning, "[ %s ]: %s: %s",
                           "Raised by the log tests.", "Nothing to do.", 0.0, 1.0, 0);
@@ -33,15 +35,15 @@ class LogTest : public ::testing::Test {
     Kiln::logStreamIs(nullptr);
     Kiln::System::timeSourceIs(nullptr);
   }
-  std::vector<std::string> lines() const {
-    std::vector<std::string> result;
+  Lines lines() const {
+    Lines result;
     std::istringstream in(captured.str());
     for (std::string line; std::getline(in, line);) result.push_back(line);
     return result;
   }
   // The message part of each emitted line.
-  std::vector<std::string> messages() const {
-    std::vector<std::string> result;
+  Lines messages() const {
+    Lines result;
     for (const std::string& line : lines()) result.push_back(line.substr(line.find(": ") + 2));
     return result;
   }
@@ -50,46 +52,34 @@ class LogTest : public ::testing::Test {
   Kiln::SimulatedTimeSource clock;
 };
 
-TEST_F(LogTest, FormatsEachArgumentWithItsTextForm) {
+TEST_F(LogTest, ArgumentsAreFormattedEscapedAndCountedAgainstThePlaceholders) {
   Kiln::log(unlimitedHandle, Kiln::String("sw1"), 42, "creation failed");
   Kiln::log(quietHandle, 7.5, true);
   Kiln::log(unlimitedHandle, static_cast<const char*>(nullptr), "a%sb", "c");
-  EXPECT_EQ(messages(), (std::vector<std::string>{"[ sw1 ]: 42: creation failed",
-                                                   "Value 7.5 is 100% true",
-                                                   "[ (null) ]: a%sb: c"}));
+  Kiln::log(unlimitedHandle, "sw\n1", "tab\there", std::string("nul\0bell\x07", 9));
+  Kiln::log(unlimitedHandle, "sw1");
+  Kiln::log(unlimitedHandle, "a", "b", "c", "d", 5);
+  Kiln::log(unlimitedHandle);
+  EXPECT_EQ(messages(), (Lines{"[ sw1 ]: 42: creation failed",
+                               "Value 7.5 is 100% true",
+                               "[ (null) ]: a%sb: c",
+                               R"([ sw\n1 ]: tab\there: nul\x00bell\x07)",
+                               "[ sw1 ]: <missing>: <missing>",
+                               "[ a ]: b: c <extra: d, 5>",
+                               "[ <missing> ]: <missing>: <missing>"}));
+  EXPECT_EQ(unlimitedHandle.placeholderCount(), 3u);
+  EXPECT_EQ(quietHandle.placeholderCount(), 2u);
+  // A zero interval never suppresses.
+  for (int i = 0; i < 50; ++i) Kiln::log(unlimitedHandle, "sw1", "lr", i);
+  EXPECT_EQ(lines().size(), 57u);
 }
 
 TEST_F(LogTest, LineCarriesTimeIdentifierAndSeverity) {
   Kiln::log(quietHandle, 1, "done");
   ASSERT_EQ(lines().size(), 1u);
-  EXPECT_TRUE(std::regex_match(
-      lines()[0], std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z )"
-                             R"(KXT_TEST_QUIET informational: Value 1 is 100% done)")))
+  EXPECT_TRUE(std::regex_match(lines()[0], std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z )"
+                                                      R"(KXT_TEST_QUIET informational: Value 1 is 100% done)")))
       << lines()[0];
-}
-
-TEST_F(LogTest, ArgumentsCannotBreakTheLine) {
-  Kiln::log(unlimitedHandle, "sw\n1", "tab\there", std::string("nul\0bell\x07", 9));
-  ASSERT_EQ(lines().size(), 1u);
-  EXPECT_EQ(messages()[0], R"([ sw\n1 ]: tab\there: nul\x00bell\x07)");
-}
-
-TEST_F(LogTest, CountMismatchIsMarkedInTheText) {
-  Kiln::log(unlimitedHandle, "sw1");
-  Kiln::log(unlimitedHandle, "a", "b", "c", "d", 5);
-  Kiln::log(unlimitedHandle);
-  EXPECT_EQ(messages(), (std::vector<std::string>{
-                            "[ sw1 ]: <missing>: <missing>",
-                            "[ a ]: b: c <extra: d, 5>",
-                            "[ <missing> ]: <missing>: <missing>",
-                        }));
-  EXPECT_EQ(unlimitedHandle.placeholderCount(), 3u);
-  EXPECT_EQ(quietHandle.placeholderCount(), 2u);
-}
-
-TEST_F(LogTest, ZeroIntervalNeverSuppresses) {
-  for (int i = 0; i < 50; ++i) Kiln::log(unlimitedHandle, "sw1", "lr", i);
-  EXPECT_EQ(lines().size(), 50u);
 }
 
 TEST_F(LogTest, BurstThenOneMessagePerRefillOnSimulatedTime) {
@@ -102,26 +92,18 @@ TEST_F(LogTest, BurstThenOneMessagePerRefillOnSimulatedTime) {
   Kiln::log(limited, 6);
   Kiln::log(limited, 7);
   clock.advance(100.0);
-  Kiln::log(limited, 8);
-  Kiln::log(limited, 9);
-  Kiln::log(limited, 10);
-  EXPECT_EQ(messages(), (std::vector<std::string>{
-                            "event 1",
-                            "event 2",
-                            "event 6 (3 similar messages suppressed)",
-                            "event 8 (1 similar messages suppressed)",
-                            "event 9",
-                        }));
+  for (int i = 8; i <= 10; ++i) Kiln::log(limited, i);
+  EXPECT_EQ(messages(), (Lines{"event 1", "event 2", "event 6 (3 similar messages suppressed)",
+                               "event 8 (1 similar messages suppressed)", "event 9"}));
 }
 
 TEST_F(LogTest, RateKeyArgumentsLimitEachKeyApart) {
-  LogHandle perSwitch("KXT_TEST_PER_SWITCH", LogSeverity::warning, "[ %s ]: %s", "", "", 60.0,
-                      1.0, 1);
+  LogHandle perSwitch("KXT_TEST_PER_SWITCH", LogSeverity::warning, "[ %s ]: %s", "", "", 60.0, 1.0, 1);
   Kiln::log(perSwitch, "sw1", "a");
   Kiln::log(perSwitch, "sw1", "b");
   Kiln::log(perSwitch, "sw2", "c");
   Kiln::log(perSwitch, "sw2", "d");
-  EXPECT_EQ(messages(), (std::vector<std::string>{"[ sw1 ]: a", "[ sw2 ]: c"}));
+  EXPECT_EQ(messages(), (Lines{"[ sw1 ]: a", "[ sw2 ]: c"}));
 
   std::uint64_t suppressed = 99;
   Kiln::LogString args;
@@ -144,23 +126,13 @@ TEST_F(LogTest, ManyIdleKeysAreForgottenWithoutLosingCounts) {
   EXPECT_EQ(messages().back(), "0 (1 similar messages suppressed)");
 }
 
-TEST(LogSeverity, NumbersAreSyslogPriorities) {
-  EXPECT_EQ(static_cast<int>(LogSeverity::error), LOG_ERR);
-  EXPECT_EQ(static_cast<int>(LogSeverity::warning), LOG_WARNING);
-  EXPECT_EQ(static_cast<int>(LogSeverity::informational), LOG_INFO);
-  EXPECT_EQ(static_cast<int>(LogSeverity::debug), LOG_DEBUG);
-  EXPECT_STREQ(Kiln::severityName(LogSeverity::error), "error");
-  EXPECT_STREQ(Kiln::severityName(LogSeverity::informational), "informational");
-}
-
 TEST(LogCatalogue, ListsEachIdentifierOnceInOrder) {
-  auto local = std::make_unique<LogHandle>("KXT_TEST_AAA_LOCAL", LogSeverity::critical, "x", "",
-                                           "", 0.0, 1.0, 0);
+  auto local = std::make_unique<LogHandle>("KXT_TEST_AAA_LOCAL", LogSeverity::critical, "x", "", "", 0.0, 1.0, 0);
   // A second source unit holding the same handle.
-  LogHandle twin("KXT_TEST_QUIET", LogSeverity::informational, "Value %s is 100%% %s",
-                 "Raised by the log tests.", "", 0.0, 1.0, 0);
+  LogHandle twin("KXT_TEST_QUIET", LogSeverity::informational, "Value %s is 100%% %s", "Raised by the log tests.", "",
+                 0.0, 1.0, 0);
 
-  std::vector<std::string> identifiers;
+  Lines identifiers;
   for (const LogHandle* h : LogHandle::catalogue()) identifiers.push_back(h->identifier());
   EXPECT_TRUE(std::is_sorted(identifiers.begin(), identifiers.end()));
   EXPECT_EQ(std::count(identifiers.begin(), identifiers.end(), "KXT_TEST_QUIET"), 1);

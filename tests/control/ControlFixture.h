@@ -42,22 +42,6 @@ inline bool runUntil(const std::function<bool()>& done) {
   return true;
 }
 
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vgw-control-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
 // A client as any program would write it, on a non-blocking socket so that
 // it never stalls the loop it shares with the server.
 class TestClient {
@@ -66,10 +50,10 @@ class TestClient {
     fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
     connected_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;  // NOLINT
   }
-  ~TestClient() { close(); }
+  ~TestClient() { close(fd_); }
   TestClient(const TestClient&) = delete;
   TestClient& operator=(const TestClient&) = delete;
 
@@ -88,27 +72,21 @@ class TestClient {
   }
   bool send(const Json& request) { return write(request.dump() + "\n"); }
 
-  // The next line from the server without its newline; nothing at the end
-  // of the stream or when none comes in time.
-  std::optional<std::string> line() {
-    std::optional<std::string> result;
+  // The next line from the server as JSON; "no reply" at the end of the
+  // stream or when none comes in time.
+  Json message() {
+    std::optional<std::string> line;
     runUntil([&] {
       const bool more = fill();
       if (const auto newline = input_.find('\n'); newline != std::string::npos) {
-        result = input_.substr(0, newline);
+        line = input_.substr(0, newline);
         input_.erase(0, newline + 1);
         return true;
       }
       return !more;
     });
-    return result;
+    return line ? Json::parse(*line) : Json("no reply");
   }
-
-  Json message() {
-    const std::optional<std::string> text = line();
-    return text ? Json::parse(*text) : Json("no reply");
-  }
-
   Json call(const Json& request) {
     send(request);
     return message();
@@ -119,13 +97,7 @@ class TestClient {
     runUntil([&] { return !fill(); });
     return eof_;
   }
-
   void shutdownWrite() { shutdown(fd_, SHUT_WR); }
-  void close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-  int fd() const { return fd_; }
 
  private:
   // Reads what is there; false at the end of the stream.
@@ -135,11 +107,11 @@ class TestClient {
       const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
       if (n > 0) {
         input_.append(buffer, static_cast<std::size_t>(n));
-        continue;
+      } else {
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
+        eof_ = true;
+        return false;
       }
-      if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
-      eof_ = true;
-      return false;
     }
   }
 
@@ -149,39 +121,53 @@ class TestClient {
   std::string input_;
 };
 
-class ControlFixture : public testing::Test {
+// A loop, a temporary directory, an empty store and the log captured.
+class ControlBase : public testing::Test {
  protected:
-  ControlFixture() {
+  ControlBase() {
     Kiln::logSyslogIs(false);
     Kiln::logStreamIs(&logged);
+    if (!mkdtemp(dir.data())) throw std::runtime_error("mkdtemp failed");
+  }
+  ~ControlBase() override {
+    std::filesystem::remove_all(dir);
+    Kiln::logStreamIs(nullptr);
+    Kiln::logSyslogIs(true);
+  }
+
+  Kiln::ScopedEventLoop scoped;
+  std::string dir = (std::filesystem::temp_directory_path() / "vgw-control-XXXXXX").string();
+  std::ostringstream logged;
+  Kiln::Ptr<Ledger::EntityManager> manager = Kiln::newPtr<Ledger::EntityManager>(Kiln::newPtr<Ledger::Store>());
+};
+
+// A server on a store with a little of everything.
+class ControlFixture : public ControlBase {
+ protected:
+  ControlFixture() {
     manager->loadDocument(Json::parse(R"({
       "fleet/config": {"@type": "FleetStore::Config", "enabled": true},
       "fleet/cluster/statusDir": {"@type": "FleetCluster::ClusterStatusDir",
                                   "status": {"default": {"isStandaloneOrLeader": true}}},
       "overlaysvc/version2/errorStatus": {"@type": "OverlaySvc::ErrorStatusV2", "genericError": {"e1": "down"}}
     })"));
+    config = manager->getEntity<FleetStore::Config>("fleet/config");
+    errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
     restart({});
   }
-  ~ControlFixture() override {
-    server.reset();
-    Kiln::logStreamIs(nullptr);
-    Kiln::logSyslogIs(true);
-  }
+  ~ControlFixture() override { server.reset(); }
 
   void restart(const Ledger::ControlServerLimits& limits) {
     server.reset();
     server = std::make_unique<Ledger::ControlServer>(manager, limits);
     server->listen(socketPath);
   }
+  Json everything() const { return manager->read(""); }
+  static Json ok(const Json& id, const Json& value) { return {{"id", id}, {"ok", true}, {"value", value}}; }
 
-  Kiln::Json everything() const { return manager->read(""); }
-
-  Kiln::ScopedEventLoop scoped;
-  TempDir dir;
-  std::string socketPath = dir.path() + "/run/vgw/ctl.sock";
-  std::ostringstream logged;
-  Kiln::Ptr<Ledger::Store> store = Kiln::newPtr<Ledger::Store>();
-  Kiln::Ptr<Ledger::EntityManager> manager = Kiln::newPtr<Ledger::EntityManager>(store);
+  std::string socketPath = dir + "/run/vgw/ctl.sock";
+  Kiln::Ptr<FleetStore::Config> config;
+  Kiln::Ptr<OverlaySvc::ErrorStatusV2> errors;
   std::unique_ptr<Ledger::ControlServer> server;
 };
 

@@ -1,10 +1,17 @@
 // The control socket on a real socket: each operation, requests that are
 // wrong in every way a client can get them wrong, lines that arrive in
 // pieces or together, the bounds on request size and unread output, writes
-// refused for what the agent owns, watches that stream and end, and many
-// clients at once.
+// refused for what the agent owns, watches that stream and end; and the
+// socket's file: directories and modes, a stale file replaced, a live
+// server's file and foreign files refused, and removal at the end of only
+// what the server made.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <fstream>
 
 #include <string>
 #include <vector>
@@ -18,20 +25,16 @@ using ControlTest::runUntil;
 using ControlTest::TestClient;
 using Kiln::Json;
 
-class ControlServerTest : public ControlFixture {
- protected:
-  Json ok(const Json& id, const Json& value) { return {{"id", id}, {"ok", true}, {"value", value}}; }
+using ControlServerTest = ControlFixture;
 
-  // The error text of a reply, or what the reply was when it is no error.
-  static std::string errorOf(const Json& reply) {
-    return reply.value("ok", true) ? "no error: " + reply.dump() : reply.value("error", std::string());
-  }
-};
+// The error text of a reply, or what the reply was when it is no error.
+std::string errorOf(const Json& reply) {
+  return reply.value("ok", true) ? "no error: " + reply.dump() : reply.value("error", std::string());
+}
 
-class RecordingMounter : public Ledger::Mounter {
+class Mounter : public Ledger::Mounter {
  public:
-  void doMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager>) override { statuses.push_back(status); }
-  std::vector<Ledger::MountStatus> statuses;
+  void doMountsComplete(Ledger::MountStatus, Kiln::Ptr<Ledger::EntityManager>) override {}
 };
 
 TEST_F(ControlServerTest, everyOperationReachesTheStore) {
@@ -40,12 +43,10 @@ TEST_F(ControlServerTest, everyOperationReachesTheStore) {
   EXPECT_EQ(client.call({{"op", "get"}, {"path", "fleet/config"}, {"id", 1}}), ok(1, {{"enabled", true}}));
 
   EXPECT_EQ(client.call({{"op", "set"}, {"path", "fleet/config/enabled"}, {"value", false}, {"id", "s"}}), ok("s", nullptr));
-  auto config = manager->getEntity<FleetStore::Config>("fleet/config");
   EXPECT_FALSE(config->enabled());
 
   // A member, then a whole entity replaced at once.
   client.call({{"op", "set"}, {"path", "overlaysvc/version2/errorStatus/genericError/e2"}, {"value", "flapping"}});
-  auto errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
   EXPECT_EQ(errors->genericError("e2"), "flapping");
   client.call({{"op", "set"}, {"path", "fleet/config"}, {"value", {{"enabled", true}}}});
   EXPECT_TRUE(config->enabled());
@@ -79,6 +80,11 @@ TEST_F(ControlServerTest, addedOperationsAnswerAndRefuseLikeBuiltIns) {
 }
 
 TEST_F(ControlServerTest, badRequestsGetAnErrorNamingTheProblemAndChangeNothing) {
+  Mounter agent;
+  auto group = manager->getMountGroup(&agent);
+  group->doMount(Ledger::Mount("vgw/version2/vniStatusDir", "OverlaySvc::VniStatusDirV2", "wi"));
+  group->doMount(Ledger::Mount("fleet/config", "FleetStore::Config", "r"));
+  group->doClose(false, "", 0.0);
   const Json before = everything();
   TestClient client(socketPath);
   const std::string deep = std::string(1000, '[') + std::string(1000, ']');
@@ -100,6 +106,9 @@ TEST_F(ControlServerTest, badRequestsGetAnErrorNamingTheProblemAndChangeNothing)
       {R"({"op": "del", "path": "fleet/config/enabled"})", "is a single value; write it instead"},
       {R"({"op": "load", "document": {"fleet/config": {"enabled": 1}}})", "fleet/config/enabled: expected true or false"},
       {R"({"op": "unwatch", "path": "fleet"})", "fleet: not watched on this connection"},
+      {R"({"op": "set", "path": "vgw/version2/vniStatusDir", "value": {}})",
+       "vgw/version2/vniStatusDir: owned by the agent (mounted \"wi\"); it cannot be written from outside"},
+      {R"({"op": "load", "document": {"vgw/version2/vniStatusDir": {}}})", "owned by the agent"},
       {deep, "nested deeper than 128 levels"},
   };
   for (const auto& [request, expected] : cases) {
@@ -113,6 +122,8 @@ TEST_F(ControlServerTest, badRequestsGetAnErrorNamingTheProblemAndChangeNothing)
   client.write("\n  \r\n{\"op\": \"get\", \"path\": \"fleet/config/enabled\", \"id\": 9}\r\n");
   EXPECT_EQ(client.message(), ok(9, true));
   EXPECT_EQ(server->connections(), 1u);
+  // What the agent only reads stays the operator's to write.
+  EXPECT_EQ(client.call({{"op", "set"}, {"path", "fleet/config/enabled"}, {"value", false}}), ok(nullptr, nullptr));
 }
 
 TEST_F(ControlServerTest, linesMayArriveInPiecesOrManyAtOnce) {
@@ -136,7 +147,6 @@ TEST_F(ControlServerTest, aClientThatReadsLateLosesNoReply) {
   // The server stops reading requests while a few kilobytes of replies wait,
   // and takes them up again as the client reads.
   restart({.maxRequestBytes = 1 << 20, .maxPendingOutputBytes = 1 << 20, .readPauseBytes = 4096});
-  auto errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
   errors->genericErrorIs("e1", std::string(1000, 'x'));
   TestClient client(socketPath);
   std::string requests;
@@ -174,36 +184,6 @@ TEST_F(ControlServerTest, anOversizeLineIsRefusedAndItsConnectionClosed) {
   EXPECT_EQ(next.call({{"op", "get"}, {"path", "fleet/config/enabled"}}), ok(nullptr, true));
 }
 
-TEST_F(ControlServerTest, writesToWhatTheAgentOwnsAreRefused) {
-  RecordingMounter agent;
-  auto group = manager->getMountGroup(&agent);
-  group->doMount(Ledger::Mount("vgw/version2/ofcStateClientView", "OverlaySvc::OfcStateClientViewV2", "w"));
-  group->doMount(Ledger::Mount("vgw/version2/vniStatusDir", "OverlaySvc::VniStatusDirV2", "wi"));
-  group->doMount(Ledger::Mount("fleet/config", "FleetStore::Config", "r"));
-  group->doClose(false, "", 0.0);
-  ASSERT_TRUE(runUntil([&] { return !agent.statuses.empty(); }));
-  const Json before = everything();
-
-  TestClient client(socketPath);
-  const std::string owned = "owned by the agent";
-  EXPECT_NE(errorOf(client.call({{"op", "set"},
-                                 {"path", "vgw/version2/ofcStateClientView/convergenceInProgress"},
-                                 {"value", true}}))
-                .find("vgw/version2/ofcStateClientView/convergenceInProgress: " + owned),
-            std::string::npos);
-  EXPECT_NE(errorOf(client.call({{"op", "set"}, {"path", "vgw/version2/vniStatusDir"}, {"value", Json::object()}})).find(owned),
-            std::string::npos);
-  EXPECT_NE(errorOf(client.call({{"op", "del"}, {"path", "vgw/version2/vniStatusDir"}})).find("mounted"),
-            std::string::npos);
-  EXPECT_NE(errorOf(client.call({{"op", "load"},
-                                 {"document", {{"vgw/version2/ofcStateClientView", {{"convergenceInProgress", true}}}}}}))
-                .find(owned),
-            std::string::npos);
-  EXPECT_EQ(everything(), before);
-  // What the agent only reads stays the operator's to write.
-  EXPECT_EQ(client.call({{"op", "set"}, {"path", "fleet/config/enabled"}, {"value", false}}), ok(nullptr, nullptr));
-}
-
 TEST_F(ControlServerTest, watchesStreamChangesFromEveryWriterUntilUnwatched) {
   TestClient watcher(socketPath);
   TestClient writer(socketPath);
@@ -215,7 +195,7 @@ TEST_F(ControlServerTest, watchesStreamChangesFromEveryWriterUntilUnwatched) {
   writer.call({{"op", "set"}, {"path", "fleet/config/enabled"}, {"value", false}});
   EXPECT_EQ(watcher.message(), Json({{"id", "w1"}, {"event", "change"}, {"path", "fleet/config/enabled"}, {"value", false}}));
   // The agent's own writes stream the same way.
-  manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus")->genericErrorIs("e1", "up");
+  errors->genericErrorIs("e1", "up");
   EXPECT_EQ(watcher.message(),
             Json({{"id", "w2"}, {"event", "change"}, {"path", "overlaysvc/version2/errorStatus/genericError/e1"}, {"value", "up"}}));
   writer.call({{"op", "del"}, {"path", "fleet/cluster/statusDir/status/default"}});
@@ -234,7 +214,6 @@ TEST_F(ControlServerTest, watchesStreamChangesFromEveryWriterUntilUnwatched) {
 }
 
 TEST_F(ControlServerTest, aClientClosingMidWatchTakesItsWatchesAlong) {
-  auto config = manager->getEntity<FleetStore::Config>("fleet/config");
   const std::size_t reactorsBefore = config->notifieeCount();
   {
     TestClient watcher(socketPath);
@@ -255,7 +234,6 @@ TEST_F(ControlServerTest, aWatcherThatDoesNotReadIsDisconnectedWithALogLine) {
   restart({.maxPendingOutputBytes = 64 * 1024});
   TestClient sleeper(socketPath);
   sleeper.call({{"op", "watch"}, {"path", "overlaysvc"}});
-  auto errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
   // Far more than the socket buffers and the bound together hold.
   for (int i = 0; i < 20000 && server->connections() > 0; ++i) {
     errors->genericErrorIs("e1", std::to_string(i) + std::string(1000, 'x'));
@@ -270,7 +248,6 @@ TEST_F(ControlServerTest, aWatcherThatDoesNotReadIsDisconnectedWithALogLine) {
 }
 
 TEST_F(ControlServerTest, aClientVanishingMidReplyIsForgotten) {
-  auto errors = manager->getEntity<OverlaySvc::ErrorStatusV2>("overlaysvc/version2/errorStatus");
   for (int i = 0; i < 2000; ++i) errors->genericErrorIs("e" + std::to_string(i), std::string(1000, 'x'));
   {
     TestClient client(socketPath);
@@ -281,17 +258,86 @@ TEST_F(ControlServerTest, aClientVanishingMidReplyIsForgotten) {
   EXPECT_TRUE(runUntil([&] { return server->connections() == 0; }));
 }
 
-TEST_F(ControlServerTest, manyClientsAreServedTogether) {
-  std::vector<std::unique_ptr<TestClient>> clients;
-  for (int i = 0; i < 60; ++i) {
-    clients.push_back(std::make_unique<TestClient>(socketPath));
-    ASSERT_TRUE(clients.back()->connected());
-    clients.back()->send(Json({{"op", "set"}, {"path", "overlaysvc/version2/errorStatus/genericError/c" + std::to_string(i)},
-                               {"value", "client"}, {"id", i}}));
+class SocketFileTest : public ControlTest::ControlBase {
+ protected:
+  static mode_t modeOf(const std::string& path) {
+    struct stat st {};
+    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+    return st.st_mode;
   }
-  for (int i = 0; i < 60; ++i) EXPECT_EQ(clients[static_cast<std::size_t>(i)]->message(), ok(i, nullptr));
-  EXPECT_EQ(server->connections(), 60u);
-  EXPECT_EQ(manager->list("overlaysvc/version2/errorStatus/genericError").size(), 61u);
+
+  template <class Fn>
+  static std::string errorOf(Fn fn) {
+    try {
+      fn();
+    } catch (const Ledger::ControlSocketError& e) {
+      return e.what();
+    }
+    return "no error";
+  }
+
+  // A socket file with nobody behind it, as a killed server leaves it.
+  static void leaveStaleSocket(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, path.size());
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);  // NOLINT
+    close(fd);
+  }
+
+  bool answers(const std::string& path) {
+    TestClient client(path);
+    return client.connected() && client.call({{"op", "list"}, {"path", ""}}).value("ok", false);
+  }
+};
+
+TEST_F(SocketFileTest, makesPrivateDirectoriesAndAnOwnerOnlySocketAndRemovesOnlyItsOwnFile) {
+  const std::string path = dir + "/a/b/ctl.sock";
+  {
+    Ledger::ControlServer server(manager);
+    server.listen(path);
+    EXPECT_EQ(modeOf(dir + "/a") & 07777, 0700u);
+    EXPECT_EQ(modeOf(dir + "/a/b") & 07777, 0700u);
+    EXPECT_TRUE(S_ISSOCK(modeOf(path)));
+    EXPECT_EQ(modeOf(path) & 07777, 0600u);
+    EXPECT_TRUE(answers(path));
+  }
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+
+  // A server whose file was taken over leaves the new owner's file in place.
+  auto old = std::make_unique<Ledger::ControlServer>(manager);
+  old->listen(path);
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  Ledger::ControlServer successor(manager);
+  successor.listen(path);
+  old.reset();
+  EXPECT_TRUE(answers(path));
+}
+
+TEST_F(SocketFileTest, aStaleSocketIsReplacedAndALiveOneRefused) {
+  const std::string path = dir + "/ctl.sock";
+  leaveStaleSocket(path);
+  Ledger::ControlServer first(manager);
+  first.listen(path);
+  EXPECT_NE(logged.str().find("KXT_CONTROL_STALE_SOCKET"), std::string::npos) << logged.str();
+  EXPECT_TRUE(answers(path));
+
+  Ledger::ControlServer second(manager);
+  EXPECT_EQ(errorOf([&] { second.listen(path); }), "control socket " + path + ": another server is answering on it");
+  EXPECT_TRUE(answers(path));
+}
+
+TEST_F(SocketFileTest, whatIsNotASocketIsLeftAlone) {
+  const std::string file = dir + "/notes";
+  std::ofstream(file) << "keep me";
+  Ledger::ControlServer server(manager);
+  EXPECT_EQ(errorOf([&] { server.listen(file); }), "control socket " + file + ": exists and is not a socket; it is left alone");
+  EXPECT_TRUE(S_ISREG(modeOf(file)));
+  EXPECT_EQ(errorOf([&] { server.listen(file + "/ctl.sock"); }),
+            "control socket " + file + "/ctl.sock: " + file + " exists and is not a directory");
+  EXPECT_NE(errorOf([&] { server.listen(dir + "/" + std::string(200, 'x')); }).find("bytes a Unix socket path may have"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ TEST_F(DocumentTest, aBadEntryChangesNothingAndItsErrorStartsWithThePath) {
     const char* document;
     const char* error;
   };
-  const std::vector<Case> cases = {
+  const Case cases[] = {
       {R"({"vgw/config": {"name": "new"}, "vgw//status": {"@type": "LedgerTest::Status"}})",
        "vgw//status: empty segment; a path has no leading, trailing or doubled '/'"},
       {R"({"vgw/config": {"name": "new"}, "vgw/status": {"@type": "No::Such"}})",

@@ -17,7 +17,7 @@ using Ledger::Writer;
 using LedgerTest::errorOf;
 using LedgerTest::LedgerFixture;
 
-using Change = std::pair<std::string, Json>;
+using Changes = std::vector<std::pair<std::string, Json>>;
 
 class WatchTest : public LedgerFixture {
  protected:
@@ -38,7 +38,7 @@ class WatchTest : public LedgerFixture {
   }
 
   Kiln::Ptr<LedgerTest::Config> config;
-  std::vector<Change> seen;
+  Changes seen;
 };
 
 TEST_F(WatchTest, streamsAttributesMembersAndNestedEntities) {
@@ -50,7 +50,7 @@ TEST_F(WatchTest, streamsAttributesMembersAndNestedEntities) {
   config->ports("e1")->vlansIs(10);
   config->limitsDel("macs");
   config->scratchpadIs(3);  // not part of the JSON form
-  EXPECT_EQ(seen, (std::vector<Change>{{"vgw/config/enabled", true},
+  EXPECT_EQ(seen, (Changes{{"vgw/config/enabled", true},
                                        {"vgw/config/limits/macs", 5},
                                        {"vgw/config/ports/e1/speed", 2},
                                        {"vgw/config/ports/e1/vlans/10", true},
@@ -64,7 +64,7 @@ TEST_F(WatchTest, followsEntitiesThatAppearAndLeavesThoseThatGo) {
   port->vlansIs(4);
   auto detail = config->detailIs("detail");
   detail->hitsIs(1, "one");
-  EXPECT_EQ(seen, (std::vector<Change>{
+  EXPECT_EQ(seen, (Changes{
                       {"vgw/config/ports/Ethernet1%2F2", Json::parse(R"({"name": "Ethernet1/2", "speed": 10, "vlans": {}})")},
                       {"vgw/config/ports/Ethernet1%2F2/speed", 7},
                       {"vgw/config/ports/Ethernet1%2F2/vlans/4", true},
@@ -77,7 +77,7 @@ TEST_F(WatchTest, followsEntitiesThatAppearAndLeavesThoseThatGo) {
   EXPECT_EQ(detail->notifieeCount(), 0u);
   port->speedIs(8);
   detail->noteIs("gone");
-  EXPECT_EQ(seen, (std::vector<Change>{{"vgw/config/ports/Ethernet1%2F2", Json()}, {"vgw/config/detail", Json()}}));
+  EXPECT_EQ(seen, (Changes{{"vgw/config/ports/Ethernet1%2F2", Json()}, {"vgw/config/detail", Json()}}));
 }
 
 TEST_F(WatchTest, aDirectoryWatchSeesEntriesComeChangeAndGo) {
@@ -86,7 +86,7 @@ TEST_F(WatchTest, aDirectoryWatchSeesEntriesComeChangeAndGo) {
   manager->getEntity<LedgerTest::Status>("vgw/extra")->peersIs(3)->addressIs("a");
   manager->remove("vgw/extra", Writer::external);
   config->nameIs("n");
-  EXPECT_EQ(seen, (std::vector<Change>{
+  EXPECT_EQ(seen, (Changes{
                       {"vgw/extra", Json::parse(R"({"running": false, "counters": {}, "peers": {}})")},
                       {"vgw/extra/running", true},
                       {"vgw/extra/peers/3", Json::parse(R"({"id": 3, "address": ""})")},
@@ -101,7 +101,7 @@ TEST_F(WatchTest, aWatchOnAnEntryOutlivesItsRemovalAndRecreation) {
   manager->write("vgw/status", Json::parse(R"({"@type": "LedgerTest::Status"})"), Writer::external);
   manager->write("vgw/status/running", true, Writer::external);
   manager->write("vgw/config/name", "elsewhere", Writer::external);
-  EXPECT_EQ(seen, (std::vector<Change>{{"vgw/status", Json()},
+  EXPECT_EQ(seen, (Changes{{"vgw/status", Json()},
                                        {"vgw/status", Json::parse(R"({"running": false, "counters": {}, "peers": {}})")},
                                        {"vgw/status/running", true}}));
 }
@@ -116,7 +116,7 @@ TEST_F(WatchTest, attributeAndMemberWatchesSeeOnlyTheirPlace) {
   config->nameIs("x");
   config->ports("e1")->speedIs(5);
   config->ports("e1")->vlansIs(1);
-  EXPECT_EQ(seen, (std::vector<Change>{{"vgw/config/limits/a", 2},
+  EXPECT_EQ(seen, (Changes{{"vgw/config/limits/a", 2},
                                        {"vgw/config/limits/a", 2},
                                        {"vgw/config/limits/b", 3},
                                        {"vgw/config/ports/e1/speed", 5}}));
@@ -125,7 +125,7 @@ TEST_F(WatchTest, attributeAndMemberWatchesSeeOnlyTheirPlace) {
 TEST_F(WatchTest, destroyingTheHandleStopsTheStream) {
   auto w = watch("");
   config->nameIs("a");
-  EXPECT_EQ(seen, (std::vector<Change>{{"vgw/config/name", "a"}}));
+  EXPECT_EQ(seen, (Changes{{"vgw/config/name", "a"}}));
   w.reset();
   config->nameIs("b");
   config->ports("e1")->speedIs(9);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
@@ -23,8 +24,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kSchema = "/usr/share/openvswitch/vtep.ovsschema";
-constexpr const char* kDatabase = "hardware_vtep";
 // How long an external process may take to come up or go down. These bound
 // waits on ovsdb-server and its tools, so that a broken installation fails a
 // test instead of hanging it; no test result depends on them.
@@ -32,37 +31,30 @@ constexpr auto kProcessDeadline = std::chrono::seconds(10);
 constexpr auto kPollInterval = std::chrono::milliseconds(5);
 constexpr const char* kToolTimeout = "--timeout=10";
 
-std::string errnoText(const std::string& what) {
-  return what + ": " + std::strerror(errno);
-}
+std::string errnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 // The tools live in /usr/sbin (ovsdb-server) and /usr/bin; PATH may hold
 // neither for an unprivileged user.
 std::string findProgram(const std::string& name) {
-  std::string path = std::getenv("PATH") ? std::getenv("PATH") : "";
-  path += ":/usr/sbin:/usr/bin:/sbin:/bin";
-  std::istringstream dirs(path);
+  const char* path = std::getenv("PATH");
+  std::istringstream dirs(std::string(path ? path : "") + ":/usr/sbin:/usr/bin:/sbin:/bin");
   for (std::string dir; std::getline(dirs, dir, ':');) {
-    if (dir.empty()) continue;
-    fs::path candidate = fs::path(dir) / name;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate.string();
+    const fs::path candidate = fs::path(dir) / name;
+    if (!dir.empty() && ::access(candidate.c_str(), X_OK) == 0) return candidate.string();
   }
-  throw std::runtime_error("OvsdbServer: " + name +
-                           " not found on PATH or in /usr/sbin; run scripts/install-deps");
+  throw std::runtime_error("OvsdbServer: " + name + " not found on PATH or in /usr/sbin; run scripts/install-deps");
 }
 
 std::string readFile(const fs::path& path) {
   std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // Forks and execs 'argv' with 'env', standard input from /dev/null and the
 // two outputs into the given files (opened for appending). Only
 // async-signal-safe calls happen between fork and exec.
-pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-            const fs::path& outFile, const fs::path& errFile, bool truncate) {
+pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, const fs::path& outFile,
+            const fs::path& errFile, bool truncate) {
   std::vector<char*> args;
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
@@ -70,16 +62,14 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
   envp.push_back(nullptr);
   const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : O_APPEND);
-  const bool sameFile = outFile == errFile;
 
   pid_t pid = ::fork();
   if (pid < 0) throw std::runtime_error(errnoText("OvsdbServer: fork"));
   if (pid == 0) {
     int in = ::open("/dev/null", O_RDONLY);
     int out = ::open(outFile.c_str(), flags, 0644);
-    int err = sameFile ? out : ::open(errFile.c_str(), flags, 0644);
-    if (in < 0 || out < 0 || err < 0 || ::dup2(in, 0) < 0 || ::dup2(out, 1) < 0 ||
-        ::dup2(err, 2) < 0) {
+    int err = outFile == errFile ? out : ::open(errFile.c_str(), flags, 0644);
+    if (in < 0 || out < 0 || err < 0 || ::dup2(in, 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0) {
       ::_exit(126);
     }
     // Sockets of the test (client connections, listeners) must not live on
@@ -96,32 +86,19 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
 OvsdbServer::OvsdbServer() {
   const char* tmp = std::getenv("TMPDIR");
   std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/vgw-ovsdb.XXXXXX";
-  if (!::mkdtemp(pattern.data())) {
-    throw std::runtime_error(errnoText("OvsdbServer: cannot create " + pattern));
-  }
+  if (!::mkdtemp(pattern.data())) throw std::runtime_error(errnoText("OvsdbServer: cannot create " + pattern));
   directory_ = pattern;
-  database_ = directory_ / "vtep.db";
-  log_ = directory_ / "ovsdb-server.log";
   socketPath_ = (directory_ / "db.sock").string();
 
-  for (char** e = environ; *e; ++e) {
-    std::string_view var(*e);
-    if (!var.starts_with("OVS_RUNDIR=") && !var.starts_with("OVS_DBDIR=") &&
-        !var.starts_with("OVS_LOGDIR=")) {
-      environment_.emplace_back(var);
-    }
-  }
-  for (const char* name : {"OVS_RUNDIR=", "OVS_DBDIR=", "OVS_LOGDIR="}) {
-    environment_.push_back(name + directory_.string());
-  }
+  // Ours go first: a variable that stands twice reads as its first entry.
+  for (const char* name : {"OVS_RUNDIR=", "OVS_DBDIR=", "OVS_LOGDIR="}) environment_.push_back(name + directory_.string());
+  for (char** e = environ; *e; ++e) environment_.emplace_back(*e);
 
   try {
-    runChecked("ovsdb-tool", {"create", database_.string(), kSchema});
+    run("ovsdb-tool", {"create", (directory_ / "vtep.db").string(), "/usr/share/openvswitch/vtep.ovsschema"});
     start();
     std::string reply = transact(R"(["hardware_vtep",{"op":"insert","table":"Global","row":{}}])");
-    if (reply.find("\"error\"") != std::string::npos) {
-      fail("inserting the Global row failed: " + reply);
-    }
+    if (reply.find("\"error\"") != std::string::npos) fail("inserting the Global row failed: " + reply);
   } catch (...) {
     discard();
     throw;
@@ -143,29 +120,19 @@ void OvsdbServer::discard() noexcept {
 
 void OvsdbServer::start() {
   if (running()) fail("start() while the server is running");
-  std::vector<std::string> argv = {
-      findProgram("ovsdb-server"),
-      database_.string(),
-      "--remote=punix:" + socketPath_,
-      "--unixctl=" + (directory_ / "ovsdb-server.ctl").string(),
-      "--pidfile=" + (directory_ / "ovsdb-server.pid").string(),
-      "--log-file=" + log_.string(),
-      "-vconsole:off",
-  };
+  const fs::path log = directory_ / "ovsdb-server.log";
   // Anything printed before the log file is open (a bad option, a missing
   // database) lands in the log as well.
-  pid_ = spawn(argv, environment_, log_, log_, false);
-  waitUntilReady();
-}
+  pid_ = spawn({findProgram("ovsdb-server"), (directory_ / "vtep.db").string(), "--remote=punix:" + socketPath_,
+                "--unixctl=" + (directory_ / "ovsdb-server.ctl").string(),
+                "--pidfile=" + (directory_ / "ovsdb-server.pid").string(), "--log-file=" + log.string(),
+                "-vconsole:off"},
+               environment_, log, log, false);
 
-void OvsdbServer::waitUntilReady() {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (socketPath_.size() >= sizeof address.sun_path) {
-    fail("socket path too long: " + socketPath_);
-  }
+  if (socketPath_.size() >= sizeof address.sun_path) fail("socket path too long: " + socketPath_);
   std::memcpy(address.sun_path, socketPath_.c_str(), socketPath_.size() + 1);
-
   const auto deadline = std::chrono::steady_clock::now() + kProcessDeadline;
   for (;;) {
     int status = 0;
@@ -198,76 +165,60 @@ void OvsdbServer::stop() {
     if (std::chrono::steady_clock::now() > deadline) {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, &status, 0);
-      fail("ovsdb-server ignored SIGTERM for " + std::to_string(kProcessDeadline.count()) +
-           " s and was killed");
+      fail("ovsdb-server ignored SIGTERM for " + std::to_string(kProcessDeadline.count()) + " s and was killed");
     }
     std::this_thread::sleep_for(kPollInterval);
   }
 }
 
 std::string OvsdbServer::transact(std::string_view transaction) {
-  return runChecked("ovsdb-client", {kToolTimeout, "transact", target(), std::string(transaction)});
+  return run("ovsdb-client", {kToolTimeout, "transact", target(), std::string(transaction)});
 }
 
 std::string OvsdbServer::vtepCtlArgs(const std::vector<std::string>& args) {
   std::vector<std::string> argv = {"--db=" + target(), kToolTimeout};
   argv.insert(argv.end(), args.begin(), args.end());
-  return runChecked("vtep-ctl", argv);
+  return run("vtep-ctl", argv);
 }
 
 std::string OvsdbServer::dump(std::string_view table) {
-  nlohmann::json select = nlohmann::json::array(
-      {kDatabase, {{"op", "select"}, {"table", table}, {"where", nlohmann::json::array()}}});
-  std::string reply = transact(select.dump());
-  nlohmann::json parsed = nlohmann::json::parse(reply, nullptr, false);
-  if (parsed.is_discarded() || !parsed.is_array() || parsed.empty() ||
-      !parsed[0].contains("rows")) {
+  const nlohmann::json select =
+      nlohmann::json::array({"hardware_vtep", {{"op", "select"}, {"table", table}, {"where", nlohmann::json::array()}}});
+  const std::string reply = transact(select.dump());
+  const nlohmann::json parsed = nlohmann::json::parse(reply, nullptr, false);
+  if (parsed.is_discarded() || !parsed.is_array() || parsed.empty() || !parsed[0].contains("rows")) {
     fail("selecting the rows of " + std::string(table) + " failed: " + reply);
   }
   return parsed[0]["rows"].dump();
 }
 
-OvsdbServer::Output OvsdbServer::run(const std::string& tool,
-                                     const std::vector<std::string>& args) {
+std::string OvsdbServer::run(const std::string& tool, const std::vector<std::string>& args) {
   std::vector<std::string> argv = {findProgram(tool)};
   argv.insert(argv.end(), args.begin(), args.end());
   const fs::path out = directory_ / (tool + ".out");
   const fs::path err = directory_ / (tool + ".err");
-  pid_t pid = spawn(argv, environment_, out, err, true);
+  const pid_t pid = spawn(argv, environment_, out, err, true);
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) fail(errnoText("waitpid for " + tool));
   }
-  return {status, readFile(out), readFile(err)};
-}
-
-std::string OvsdbServer::runChecked(const std::string& tool,
-                                    const std::vector<std::string>& args) {
-  Output result = run(tool, args);
-  if (!WIFEXITED(result.status) || WEXITSTATUS(result.status) != 0) {
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     std::string command = tool;
     for (const auto& a : args) command += " " + a;
-    fail(command + " failed (status " + std::to_string(result.status) + "): " + result.err);
+    fail(command + " failed (status " + std::to_string(status) + "): " + readFile(err));
   }
-  while (!result.out.empty() && result.out.back() == '\n') result.out.pop_back();
-  return result.out;
-}
-
-std::string OvsdbServer::logTail() const {
-  std::istringstream log(readFile(log_));
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(log, line);) lines.push_back(line);
-  const size_t keep = 20;
-  std::string tail;
-  for (size_t i = lines.size() > keep ? lines.size() - keep : 0; i < lines.size(); ++i) {
-    tail += lines[i] + "\n";
-  }
-  return tail.empty() ? "(empty)\n" : tail;
+  std::string result = readFile(out);
+  while (!result.empty() && result.back() == '\n') result.pop_back();
+  return result;
 }
 
 void OvsdbServer::fail(const std::string& what) const {
-  throw std::runtime_error("OvsdbServer in " + directory_.string() + ": " + what +
-                           "\n--- tail of " + log_.string() + " ---\n" + logTail());
+  const fs::path log = directory_ / "ovsdb-server.log";
+  std::string tail = readFile(log);
+  // The last lines are the ones that tell why.
+  if (tail.size() > 2000) tail = "..." + tail.substr(tail.find('\n', tail.size() - 2000) + 1);
+  throw std::runtime_error("OvsdbServer in " + directory_.string() + ": " + what + "\n--- tail of " + log.string() +
+                           " ---\n" + (tail.empty() ? "(empty)\n" : tail));
 }
 
 }  // namespace Vgw::Test

@@ -65,22 +65,13 @@ class OvsdbServer {
   std::string dump(std::string_view table);
 
  private:
-  struct Output {
-    int status;
-    std::string out;
-    std::string err;
-  };
-
-  Output run(const std::string& tool, const std::vector<std::string>& args);
-  std::string runChecked(const std::string& tool, const std::vector<std::string>& args);
-  void waitUntilReady();
+  // Runs 'tool' to its end and returns its standard output, trailing
+  // newlines removed; throws with its error output when it fails.
+  std::string run(const std::string& tool, const std::vector<std::string>& args);
   void discard() noexcept;
   [[noreturn]] void fail(const std::string& what) const;
-  std::string logTail() const;
 
   std::filesystem::path directory_;
-  std::filesystem::path database_;
-  std::filesystem::path log_;
   std::string socketPath_;
   std::vector<std::string> environment_;
   pid_t pid_ = -1;

@@ -1,11 +1,14 @@
-// Datums through the C layer: column values in their wire forms parsed
-// against hardware_vtep column types, read atom by atom, printed, and
-// refused when malformed.
+// Schemas and datums through the C layer: the column types the agent relies
+// on, column values in their wire forms parsed against them, read atom by
+// atom and printed, and schemas and values refused when malformed.
 #include <gtest/gtest.h>
 #include <openvswitch/json.h>
 #include <openvswitch/uuid.h>
 
+#include <algorithm>
+#include <climits>
 #include <string>
+#include <vector>
 
 #include "OvscSupport.h"
 
@@ -33,134 +36,99 @@ class OvsDatum : public ::testing::Test {
     return DatumPtr(datum);
   }
 
-  // The error text of parsing 'text', which must fail.
-  std::string refuse(const char* table, const char* name, const std::string& text) {
-    char sentinel = 0;  // The output must be overwritten, not left alone.
-    ovsc_datum* datum = reinterpret_cast<ovsc_datum*>(&sentinel);
-    CString error(ovsc_ovsdb_datum_from_json(col(table, name), parseJson(text).get(), &datum));
-    EXPECT_EQ(datum, nullptr) << text;
-    EXPECT_NE(error, nullptr) << text << " was accepted";
-    return error ? error.get() : "";
-  }
-
-  static std::string printed(const ovsc_datum* d) {
-    CString text(ovsc_ovsdb_datum_to_string(d));
-    return text.get();
-  }
-
-  static std::string stringAt(const ovsc_datum* d, ovsc_atom_role role, unsigned i) {
-    const char* s = nullptr;
-    EXPECT_TRUE(ovsc_datum_string(d, role, i, &s));
-    return s ? s : "";
-  }
-
   SchemaPtr schema_;
 };
 
-TEST_F(OvsDatum, SetOfStringsIsSorted) {
-  DatumPtr d = parse("Physical_Switch", "tunnel_ips", R"(["set", ["10.0.0.2", "10.0.0.1"]])");
-  ASSERT_TRUE(d);
-  ASSERT_EQ(ovsc_datum_count(d.get()), 2u);
-  EXPECT_EQ(stringAt(d.get(), OVSC_KEY, 0), "10.0.0.1");
-  EXPECT_EQ(stringAt(d.get(), OVSC_KEY, 1), "10.0.0.2");
-  EXPECT_EQ(printed(d.get()), R"(["10.0.0.1", "10.0.0.2"])");
+using OvsSchema = OvsDatum;
 
-  DatumPtr empty = parse("Physical_Switch", "tunnel_ips", R"(["set", []])");
-  ASSERT_TRUE(empty);
-  EXPECT_EQ(ovsc_datum_count(empty.get()), 0u);
-  EXPECT_EQ(printed(empty.get()), "[]");
+TEST_F(OvsSchema, ColumnsCarryTheirTypes) {
+  const ovsc_column* bindings = col("Physical_Port", "vlan_bindings");
+  const ovsc_column* tunnelKey = col("Logical_Switch", "tunnel_key");
+  const ovsc_column* connected = col("Manager", "is_connected");
+  ASSERT_TRUE(bindings && tunnelKey && connected);
+  EXPECT_STREQ(ovsc_column_name(bindings), "vlan_bindings");
+  EXPECT_EQ(ovsc_column_key_type(bindings), OVSC_TYPE_INTEGER);
+  EXPECT_EQ(ovsc_column_value_type(bindings), OVSC_TYPE_UUID);
+  EXPECT_EQ(ovsc_column_n_max(bindings), UINT_MAX);
+  EXPECT_TRUE(ovsc_column_is_map(bindings));
+  EXPECT_FALSE(ovsc_column_is_set(bindings));
+  // Optional values are sets of at most one.
+  EXPECT_EQ(ovsc_column_value_type(tunnelKey), OVSC_TYPE_VOID);
+  EXPECT_EQ(ovsc_column_n_max(tunnelKey), 1u);
+  EXPECT_TRUE(ovsc_column_is_set(tunnelKey));
+  EXPECT_FALSE(ovsc_column_is_scalar(tunnelKey));
+  EXPECT_EQ(ovsc_column_key_type(connected), OVSC_TYPE_BOOLEAN);
+  EXPECT_TRUE(ovsc_column_is_scalar(connected));
+  EXPECT_EQ(ovsc_ovsdb_schema_table(schema_.get(), "physical_switch"), nullptr);
+  EXPECT_EQ(column(schema_.get(), "Physical_Switch", "no_such_column"), nullptr);
+
+  // Columns come sorted by name, "_uuid" and "_version" among them; a short
+  // buffer receives the first ones and learns the count.
+  const ovsdb_table_schema* sw = ovsc_ovsdb_schema_table(schema_.get(), "Physical_Switch");
+  ASSERT_NE(sw, nullptr);
+  std::vector<const ovsc_column*> all(ovsc_ovsdb_table_schema_columns(sw, nullptr, 0));
+  ASSERT_EQ(ovsc_ovsdb_table_schema_columns(sw, all.data(), all.size()), 10u);
+  std::vector<std::string> names;
+  for (const auto* c : all) names.emplace_back(ovsc_column_name(c));
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+  EXPECT_EQ(names[0], "_uuid");
+  EXPECT_EQ(names[1], "_version");
+  const ovsc_column* first[2] = {nullptr, nullptr};
+  EXPECT_EQ(ovsc_ovsdb_table_schema_columns(sw, first, 2), 10u);
+  EXPECT_EQ(first[1], all[1]);
 }
 
-TEST_F(OvsDatum, BareSingleElementSet) {
-  DatumPtr d = parse("Physical_Switch", "management_ips", R"("192.0.2.7")");
-  ASSERT_TRUE(d);
-  ASSERT_EQ(ovsc_datum_count(d.get()), 1u);
-  EXPECT_EQ(stringAt(d.get(), OVSC_KEY, 0), "192.0.2.7");
-
-  DatumPtr ref = parse("Physical_Switch", "ports", R"(["uuid", "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0"])");
-  ASSERT_TRUE(ref);
-  ASSERT_EQ(ovsc_datum_count(ref.get()), 1u);
-  char text[OVSC_UUID_TEXT_SIZE];
-  ASSERT_TRUE(ovsc_datum_uuid_text(ref.get(), OVSC_KEY, 0, text));
-  EXPECT_STREQ(text, "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0");
+TEST(OvsSchemaParse, MalformedSchemasGiveErrors) {
+  for (const char* text : {
+           R"({"name": "x", "version": "1.0.0"})",                                   // no tables
+           R"({"name": "x", "tables": {"T": {"columns": {"c": {"type": "nope"}}}}})",  // bad type
+           R"(["not", "an", "object"])",
+       }) {
+    SCOPED_TRACE(text);
+    char sentinel = 0;  // The output must be overwritten, not left alone.
+    ovsdb_schema* schema = reinterpret_cast<ovsdb_schema*>(&sentinel);
+    CString error(ovsc_ovsdb_schema_from_json(parseJson(text).get(), &schema));
+    ASSERT_NE(error, nullptr);
+    EXPECT_STRNE(error.get(), "");
+    EXPECT_EQ(schema, nullptr);
+  }
 }
 
-TEST_F(OvsDatum, MapOfIntegerToUuid) {
-  DatumPtr d = parse("Physical_Port", "vlan_bindings",
-                     R"(["map", [[300, ["uuid", "00000000-0000-0000-0000-00000000002a"]],
-                                 [10, ["uuid", "deadbeef-0001-0002-0003-000400050006"]]]])");
-  ASSERT_TRUE(d);
-  ASSERT_EQ(ovsc_datum_count(d.get()), 2u);
+// Elements are kept in OVSDB's sorted order and read by position and role.
+// What the agent reads of every table is shown by the marshalling tests.
+TEST_F(OvsDatum, AtomsAreReadByPositionAndRole) {
+  DatumPtr config = parse("Physical_Switch", "other_config", R"(["map", [["b", "two words"], ["a", "1"]]])");
+  DatumPtr bindings = parse("Physical_Port", "vlan_bindings",
+                            R"(["map", [[300, ["uuid", "00000000-0000-0000-0000-00000000002a"]],
+                                        [10, ["uuid", "deadbeef-0001-0002-0003-000400050006"]]]])");
+  DatumPtr port = parse("Physical_Switch", "ports", R"(["uuid", "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0"])");
+  ASSERT_TRUE(config && bindings && port);
+  EXPECT_EQ(ovsc_datum_count(port.get()), 1u);  // The bare form of a one-element set.
+  EXPECT_STREQ(CString(ovsc_ovsdb_datum_to_string(config.get())).get(), R"({a="1", b="two words"})");
+  const char* s = nullptr;
+  ASSERT_TRUE(ovsc_datum_string(config.get(), OVSC_VALUE, 1, &s));
+  EXPECT_STREQ(s, "two words");
 
   int64_t vlan = -1;
-  ASSERT_TRUE(ovsc_datum_integer(d.get(), OVSC_KEY, 0, &vlan));
-  EXPECT_EQ(vlan, 10);
-  ASSERT_TRUE(ovsc_datum_integer(d.get(), OVSC_KEY, 1, &vlan));
+  ASSERT_TRUE(ovsc_datum_integer(bindings.get(), OVSC_KEY, 1, &vlan));
   EXPECT_EQ(vlan, 300);
-
   uuid u{};
-  ASSERT_TRUE(ovsc_datum_uuid(d.get(), OVSC_VALUE, 0, &u));
+  ASSERT_TRUE(ovsc_datum_uuid(bindings.get(), OVSC_VALUE, 0, &u));
   EXPECT_EQ(u.parts[0], 0xdeadbeefu);
-  EXPECT_EQ(u.parts[1], 0x00010002u);
-  EXPECT_EQ(u.parts[2], 0x00030004u);
   EXPECT_EQ(u.parts[3], 0x00050006u);
   char text[OVSC_UUID_TEXT_SIZE];
-  ASSERT_TRUE(ovsc_datum_uuid_text(d.get(), OVSC_VALUE, 1, text));
-  EXPECT_STREQ(text, "00000000-0000-0000-0000-00000000002a");
-
-  EXPECT_EQ(printed(d.get()),
-            "{10=deadbeef-0001-0002-0003-000400050006, 300=00000000-0000-0000-0000-00000000002a}");
-}
-
-TEST_F(OvsDatum, MapOfStrings) {
-  DatumPtr d = parse("Physical_Switch", "other_config",
-                     R"(["map", [["b key", "two words"], ["a", "1"]]])");
-  ASSERT_TRUE(d);
-  ASSERT_EQ(ovsc_datum_count(d.get()), 2u);
-  EXPECT_EQ(stringAt(d.get(), OVSC_KEY, 0), "a");
-  EXPECT_EQ(stringAt(d.get(), OVSC_VALUE, 0), "1");
-  EXPECT_EQ(stringAt(d.get(), OVSC_KEY, 1), "b key");
-  EXPECT_EQ(stringAt(d.get(), OVSC_VALUE, 1), "two words");
-  EXPECT_EQ(printed(d.get()), R"({a="1", "b key"="two words"})");
-}
-
-TEST_F(OvsDatum, OptionalInteger) {
-  DatumPtr none = parse("Logical_Switch", "tunnel_key", R"(["set", []])");
-  ASSERT_TRUE(none);
-  EXPECT_EQ(ovsc_datum_count(none.get()), 0u);
-
-  DatumPtr key = parse("Logical_Switch", "tunnel_key", "5001");
-  ASSERT_TRUE(key);
-  ASSERT_EQ(ovsc_datum_count(key.get()), 1u);
-  int64_t vni = 0;
-  ASSERT_TRUE(ovsc_datum_integer(key.get(), OVSC_KEY, 0, &vni));
-  EXPECT_EQ(vni, 5001);
-  EXPECT_EQ(printed(key.get()), "5001");
-}
-
-TEST_F(OvsDatum, ScalarsPrintAsTheAgentReadsThem) {
-  DatumPtr name = parse("Physical_Switch", "name", R"("sw 0")");
-  ASSERT_TRUE(name);
-  EXPECT_EQ(printed(name.get()), R"("sw 0")");
-
-  DatumPtr connected = parse("Manager", "is_connected", "true");
-  ASSERT_TRUE(connected);
-  bool value = false;
-  ASSERT_TRUE(ovsc_datum_boolean(connected.get(), OVSC_KEY, 0, &value));
-  EXPECT_TRUE(value);
-  EXPECT_EQ(printed(connected.get()), "true");
+  ASSERT_TRUE(ovsc_datum_uuid_text(port.get(), OVSC_KEY, 0, text));
+  EXPECT_STREQ(text, "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0");
 }
 
 TEST_F(OvsDatum, DefaultAtoms) {
   DatumPtr emptyName = parse("Physical_Switch", "name", R"("")");
   DatumPtr name = parse("Physical_Switch", "name", R"("sw0")");
-  DatumPtr zeroUuid = parse("Ucast_Macs_Remote", "locator",
-                            R"(["uuid", "00000000-0000-0000-0000-000000000000"])");
+  DatumPtr zeroUuid = parse("Ucast_Macs_Remote", "locator", R"(["uuid", "00000000-0000-0000-0000-000000000000"])");
   DatumPtr vlanZero = parse("Physical_Port", "vlan_bindings",
                             R"(["map", [[0, ["uuid", "00000000-0000-0000-0000-000000000001"]]]])");
   DatumPtr disconnected = parse("Manager", "is_connected", "false");
   ASSERT_TRUE(emptyName && name && zeroUuid && vlanZero && disconnected);
-
   EXPECT_TRUE(ovsc_ovsdb_atom_is_default(emptyName.get(), OVSC_KEY, 0));
   EXPECT_FALSE(ovsc_ovsdb_atom_is_default(name.get(), OVSC_KEY, 0));
   EXPECT_TRUE(ovsc_ovsdb_atom_is_default(zeroUuid.get(), OVSC_KEY, 0));
@@ -204,62 +172,32 @@ TEST_F(OvsDatum, MismatchedReadsAreRefused) {
 }
 
 TEST_F(OvsDatum, MalformedValuesGiveErrors) {
-  refuse("Physical_Switch", "tunnel_ips", R"(["set", "10.0.0.1"])");
-  refuse("Physical_Switch", "tunnel_ips", R"(["set", [1, 2]])");
-  refuse("Physical_Switch", "other_config", R"(["map", [["only a key"]]])");
-  refuse("Physical_Switch", "other_config", R"(["set", ["a"]])");
-  refuse("Physical_Switch", "name", "17");
-  refuse("Physical_Switch", "name", R"(["set", ["a", "b"]])");
-  refuse("Logical_Switch", "tunnel_key", R"(["set", [1, 2]])");
-  refuse("Logical_Switch", "tunnel_key", R"("5000")");
-  refuse("Physical_Switch", "ports", R"(["uuid", "not-a-uuid"])");
-  refuse("Logical_Switch", "replication_mode", R"("flooding")");  // Outside the enum.
-
-  // Bounds the schema sets on a column are enforced.
-  refuse("Physical_Port", "vlan_bindings",
-         R"(["map", [[4096, ["uuid", "00000000-0000-0000-0000-000000000001"]]]])");
-
-  // Named uuids belong inside a transaction, never in the database's answers.
-  EXPECT_NE(refuse("Physical_Switch", "ports", R"(["named-uuid", "row1"])"), "");
-}
-
-TEST_F(OvsDatum, MissingJsonGivesError) {
-  ovsc_datum* datum = nullptr;
-  CString error(ovsc_ovsdb_datum_from_json(col("Physical_Switch", "name"), nullptr, &datum));
-  EXPECT_NE(error, nullptr);
-  EXPECT_EQ(datum, nullptr);
-}
-
-// The one atomic type hardware_vtep lacks, on a schema of its own.
-TEST(OvsDatumReal, RealColumn) {
-  JsonPtr j = parseJson(R"({"name": "t", "version": "1.0.0", "tables": {"T": {"columns": {
-      "ratio": {"type": "real"}, "weights": {"type": {"key": "string", "value": "real",
-                                                      "min": 0, "max": "unlimited"}}}}}})");
-  ovsdb_schema* raw = nullptr;
-  CString schemaError(ovsc_ovsdb_schema_from_json(j.get(), &raw));
-  SchemaPtr schema(raw);
-  ASSERT_EQ(schemaError, nullptr) << schemaError.get();
-
-  const ovsc_column* ratio = column(schema.get(), "T", "ratio");
-  ASSERT_NE(ratio, nullptr);
-  EXPECT_EQ(ovsc_column_key_type(ratio), OVSC_TYPE_REAL);
-  ovsc_datum* d = nullptr;
-  CString error(ovsc_ovsdb_datum_from_json(ratio, parseJson("0.25").get(), &d));
-  DatumPtr datum(d);
-  ASSERT_EQ(error, nullptr) << error.get();
-  double value = 0;
-  ASSERT_TRUE(ovsc_datum_real(datum.get(), OVSC_KEY, 0, &value));
-  EXPECT_EQ(value, 0.25);
-  EXPECT_FALSE(ovsc_ovsdb_atom_is_default(datum.get(), OVSC_KEY, 0));
-
-  const ovsc_column* weights = column(schema.get(), "T", "weights");
-  ASSERT_NE(weights, nullptr);
-  CString mapError(ovsc_ovsdb_datum_from_json(weights, parseJson(R"(["map", [["w", 0.0]]])").get(), &d));
-  DatumPtr map(d);
-  ASSERT_EQ(mapError, nullptr) << mapError.get();
-  ASSERT_TRUE(ovsc_datum_real(map.get(), OVSC_VALUE, 0, &value));
-  EXPECT_EQ(value, 0.0);
-  EXPECT_TRUE(ovsc_ovsdb_atom_is_default(map.get(), OVSC_VALUE, 0));
+  struct Case {
+    const char* table;
+    const char* name;
+    const char* text;  // Null: no JSON at all.
+  };
+  for (const Case& c : {
+           Case{"Physical_Switch", "tunnel_ips", R"(["set", "10.0.0.1"])"},
+           Case{"Physical_Switch", "name", R"(["set", ["a", "b"]])"},
+           Case{"Physical_Switch", "name", nullptr},
+           Case{"Logical_Switch", "tunnel_key", R"("5000")"},
+           // Named uuids belong inside a transaction, never in the database's answers.
+           Case{"Physical_Switch", "ports", R"(["named-uuid", "row1"])"},
+           // Bounds the schema sets on a column are enforced.
+           Case{"Logical_Switch", "replication_mode", R"("flooding")"},
+           Case{"Physical_Port", "vlan_bindings",
+                R"(["map", [[4096, ["uuid", "00000000-0000-0000-0000-000000000001"]]]])"},
+       }) {
+    SCOPED_TRACE(c.text ? c.text : "(no JSON)");
+    char sentinel = 0;  // The output must be overwritten, not left alone.
+    ovsc_datum* datum = reinterpret_cast<ovsc_datum*>(&sentinel);
+    JsonPtr j = c.text ? parseJson(c.text) : nullptr;
+    CString error(ovsc_ovsdb_datum_from_json(col(c.table, c.name), j.get(), &datum));
+    EXPECT_EQ(datum, nullptr);
+    ASSERT_NE(error, nullptr);
+    EXPECT_STRNE(error.get(), "");
+  }
 }
 
 }  // namespace

@@ -6,10 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <openvswitch/json.h>
-#include <poll.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -28,14 +25,9 @@ using CString = Ovs::CString;
 struct RpcClose {
   void operator()(jsonrpc* r) const { ovsc_jsonrpc_close(r); }
 };
-struct PstreamClose {
-  void operator()(pstream* p) const { ovsc_pstream_close(p); }
-};
 using RpcPtr = std::unique_ptr<jsonrpc, RpcClose>;
-using PstreamPtr = std::unique_ptr<pstream, PstreamClose>;
 
 inline constexpr uint8_t kDscp = 0x30;
-inline constexpr const char* kSchemaFile = "/usr/share/openvswitch/vtep.ovsschema";
 
 // Parses a JSON value of any kind; the library itself takes only objects and
 // arrays at the top level, so the text is parsed inside an array.
@@ -53,11 +45,6 @@ inline std::string toText(const json* j) {
   return text.get();
 }
 
-inline std::string toText(const jsonrpc_msg* msg) {
-  CString text(ovsc_jsonrpc_msg_to_string(msg));
-  return text.get();
-}
-
 // Connects to 'target' ("unix:<path>") and wraps the stream in a JSON-RPC
 // connection; null when the connection fails.
 inline RpcPtr connect(const std::string& target) {
@@ -67,50 +54,24 @@ inline RpcPtr connect(const std::string& target) {
   return RpcPtr(error ? nullptr : ovsc_jsonrpc_open(s));
 }
 
-// The hardware_vtep schema as the installed schema file has it.
-inline SchemaPtr schemaFromFile() {
-  JsonPtr j(json_from_file(kSchemaFile));
+// Parses a schema given as JSON; a parse error fails the test.
+inline SchemaPtr parseSchema(const json* j) {
   ovsdb_schema* schema = nullptr;
-  CString error(ovsc_ovsdb_schema_from_json(j.get(), &schema));
+  CString error(ovsc_ovsdb_schema_from_json(j, &schema));
   EXPECT_EQ(error, nullptr) << error.get();
   return SchemaPtr(schema);
+}
+
+// The hardware_vtep schema as the installed schema file has it.
+inline SchemaPtr schemaFromFile() {
+  JsonPtr j(json_from_file("/usr/share/openvswitch/vtep.ovsschema"));
+  return parseSchema(j.get());
 }
 
 inline const ovsc_column* column(const ovsdb_schema* schema, const char* table,
                                  const char* name) {
   const ovsdb_table_schema* t = ovsc_ovsdb_schema_table(schema, table);
   return t ? ovsc_ovsdb_table_schema_get_column(t, name) : nullptr;
-}
-
-// Waits until the connection has input. This waits on the server process,
-// not on time: the bound only keeps a broken server from hanging the test.
-inline bool waitReadable(jsonrpc* rpc) {
-  pollfd p{ovsc_stream_get_fd(ovsc_jsonrpc_get_stream(rpc)), POLLIN, 0};
-  return p.fd >= 0 && ::poll(&p, 1, 10000) == 1;
-}
-
-// Reads messages until one arrives that 'wanted' accepts or the connection
-// fails, answering nothing and dropping the rest.
-template <typename Pred>
-MsgPtr receiveUntil(jsonrpc* rpc, Pred wanted) {
-  for (;;) {
-    jsonrpc_msg* raw = nullptr;
-    int error = ovsc_jsonrpc_recv(rpc, &raw);
-    if (error == EAGAIN) {
-      ovsc_jsonrpc_run(rpc);
-      if (!waitReadable(rpc)) {
-        ADD_FAILURE() << "no message arrived";
-        return nullptr;
-      }
-      continue;
-    }
-    if (error) {
-      ADD_FAILURE() << "receive failed: " << error;
-      return nullptr;
-    }
-    MsgPtr msg(raw);
-    if (wanted(msg.get())) return msg;
-  }
 }
 
 }  // namespace Vgw::Test

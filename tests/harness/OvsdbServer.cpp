@@ -1,6 +1,7 @@
 #include "OvsdbServer.h"
 
 #include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -75,6 +76,11 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
     // Sockets of the test (client connections, listeners) must not live on
     // in the server, or closing them in the test would not close them.
     ::close_range(3, ~0U, 0);
+    // A test that blocks SIGTERM for its own loop must still be able to stop
+    // the server with it.
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
     ::execve(args[0], args.data(), envp.data());
     ::_exit(127);
   }
@@ -90,9 +96,16 @@ OvsdbServer::OvsdbServer() {
   directory_ = pattern;
   socketPath_ = (directory_ / "db.sock").string();
 
-  // Ours go first: a variable that stands twice reads as its first entry.
-  for (const char* name : {"OVS_RUNDIR=", "OVS_DBDIR=", "OVS_LOGDIR="}) environment_.push_back(name + directory_.string());
-  for (char** e = environ; *e; ++e) environment_.emplace_back(*e);
+  // The tools keep their run, database and log files in the directory, not
+  // in whatever OVS_*DIR the test inherited.
+  const std::vector<std::string> ours = {"OVS_RUNDIR=", "OVS_DBDIR=", "OVS_LOGDIR="};
+  for (char** e = environ; *e; ++e) {
+    const std::string_view var(*e);
+    if (std::none_of(ours.begin(), ours.end(), [&](const std::string& name) { return var.starts_with(name); })) {
+      environment_.emplace_back(var);
+    }
+  }
+  for (const std::string& name : ours) environment_.push_back(name + directory_.string());
 
   try {
     run("ovsdb-tool", {"create", (directory_ / "vtep.db").string(), "/usr/share/openvswitch/vtep.ovsschema"});

@@ -2,8 +2,7 @@
 // through vgwctl: the example configuration reaching the database, the
 // operator's changes, refused requests, refused configurations and
 // arguments, a stop by signal, and the controller's hosts as the fabric
-// sees them. How leadership and the operator's switch govern the session is
-// shown in-process by the root state machine's tests.
+// sees them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -187,6 +186,31 @@ TEST_F(VgwAgentProgram, ExampleConfigurationServesTheDatabaseRefusesBadRequestsA
   agent->signal(SIGTERM);
   EXPECT_EQ(agent->wait(), 0) << agent->output();
   EXPECT_EQ(managerRows(), rows);
+}
+
+TEST_F(VgwAgentProgram, LeadershipAndTheOperatorSwitchGovernTheSessionThroughVgwctl) {
+  auto agent = startAgent();
+  const Json before = managerRows();
+  const std::string leader = "fleet/cluster/statusDir/status/default/isStandaloneOrLeader";
+
+  // Lost leadership: another node's agent owns the database now.
+  ASSERT_EQ(vgwctl({"set", leader, "false"}).first, 0);
+  Json summary = show();
+  EXPECT_EQ(summary["agent"]["running"], false);
+  EXPECT_EQ(summary["agent"]["discardRequest"], true);
+  EXPECT_TRUE(summary["session"].empty());
+  EXPECT_EQ(managerRows(), before);
+
+  ASSERT_EQ(vgwctl({"set", leader, "true"}).first, 0);
+  ASSERT_TRUE(waitFor([&] { return sessionIs("stateConnected"); }));
+  EXPECT_EQ(show()["agent"]["discardRequest"], false);
+
+  // The operator's switch keeps the teardown's writes.
+  ASSERT_EQ(vgwctl({"set", "vgw/cliconfig/enableAgent", "false"}).first, 0);
+  summary = show();
+  EXPECT_EQ(summary["agent"]["running"], false);
+  EXPECT_EQ(summary["agent"]["discardRequest"], false);
+  EXPECT_TRUE(agent->running());
 }
 
 TEST_F(VgwAgentProgram, BadConfigurationsAndArgumentsAreRefusedByNameAndADisabledAgentStaysUp) {

@@ -254,12 +254,6 @@ ovsc_ovsdb_schema_name(const struct ovsdb_schema *schema)
     return schema->name;
 }
 
-const char *
-ovsc_ovsdb_schema_version(const struct ovsdb_schema *schema)
-{
-    return schema->version;
-}
-
 const struct ovsdb_table_schema *
 ovsc_ovsdb_schema_table(const struct ovsdb_schema *schema, const char *name)
 {
@@ -280,12 +274,6 @@ ovsc_ovsdb_schema_tables(const struct ovsdb_schema *schema,
         free(nodes);
     }
     return n;
-}
-
-const char *
-ovsc_ovsdb_table_schema_name(const struct ovsdb_table_schema *table)
-{
-    return table->name;
 }
 
 size_t
@@ -328,12 +316,6 @@ enum ovsc_atomic_type
 ovsc_column_value_type(const struct ovsc_column *column)
 {
     return (enum ovsc_atomic_type) column_of(column)->type.value.type;
-}
-
-unsigned int
-ovsc_column_n_min(const struct ovsc_column *column)
-{
-    return column_of(column)->type.n_min;
 }
 
 unsigned int
@@ -426,17 +408,6 @@ ovsc_datum_integer(const struct ovsc_datum *datum, enum ovsc_atom_role role,
                                            OVSDB_TYPE_INTEGER);
     if (atom) {
         *out = atom->integer;
-    }
-    return atom != NULL;
-}
-
-bool
-ovsc_datum_real(const struct ovsc_datum *datum, enum ovsc_atom_role role,
-                unsigned int i, double *out)
-{
-    const union ovsdb_atom *atom = atom_of(datum, role, i, OVSDB_TYPE_REAL);
-    if (atom) {
-        *out = atom->real;
     }
     return atom != NULL;
 }

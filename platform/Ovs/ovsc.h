@@ -205,7 +205,6 @@ char *ovsc_ovsdb_schema_from_json(const struct json *,
 void ovsc_ovsdb_schema_destroy(struct ovsdb_schema *);
 
 const char *ovsc_ovsdb_schema_name(const struct ovsdb_schema *);
-const char *ovsc_ovsdb_schema_version(const struct ovsdb_schema *);
 
 /* The table named 'name', or NULL when the schema has none. */
 const struct ovsdb_table_schema *ovsc_ovsdb_schema_table(
@@ -216,8 +215,6 @@ const struct ovsdb_table_schema *ovsc_ovsdb_schema_table(
 size_t ovsc_ovsdb_schema_tables(const struct ovsdb_schema *,
                                 const struct ovsdb_table_schema **tables,
                                 size_t capacity);
-
-const char *ovsc_ovsdb_table_schema_name(const struct ovsdb_table_schema *);
 
 /* Stores up to 'capacity' columns, sorted by name (the order shash_sort()
  * gives), in 'columns' and returns how many the table has.  The "_uuid" and
@@ -235,7 +232,6 @@ const struct ovsc_column *ovsc_ovsdb_table_schema_get_column(
 const char *ovsc_column_name(const struct ovsc_column *);
 enum ovsc_atomic_type ovsc_column_key_type(const struct ovsc_column *);
 enum ovsc_atomic_type ovsc_column_value_type(const struct ovsc_column *);
-unsigned int ovsc_column_n_min(const struct ovsc_column *);
 unsigned int ovsc_column_n_max(const struct ovsc_column *);
 bool ovsc_column_is_set(const struct ovsc_column *);
 bool ovsc_column_is_map(const struct ovsc_column *);
@@ -264,8 +260,6 @@ unsigned int ovsc_datum_count(const struct ovsc_datum *);
  * datum. */
 bool ovsc_datum_integer(const struct ovsc_datum *, enum ovsc_atom_role,
                         unsigned int i, int64_t *out);
-bool ovsc_datum_real(const struct ovsc_datum *, enum ovsc_atom_role,
-                     unsigned int i, double *out);
 bool ovsc_datum_boolean(const struct ovsc_datum *, enum ovsc_atom_role,
                         unsigned int i, bool *out);
 bool ovsc_datum_string(const struct ovsc_datum *, enum ovsc_atom_role,

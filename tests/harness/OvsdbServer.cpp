@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -64,9 +65,13 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   envp.push_back(nullptr);
   const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : O_APPEND);
 
+  const pid_t parent = ::getpid();
   pid_t pid = ::fork();
   if (pid < 0) throw std::runtime_error(errnoText("OvsdbServer: fork"));
   if (pid == 0) {
+    // A test that dies without running its destructors (an assertion, a
+    // sanitizer report) takes its server with it.
+    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) < 0 || ::getppid() != parent) ::_exit(125);
     int in = ::open("/dev/null", O_RDONLY);
     int out = ::open(outFile.c_str(), flags, 0644);
     int err = outFile == errFile ? out : ::open(errFile.c_str(), flags, 0644);

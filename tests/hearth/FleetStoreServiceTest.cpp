@@ -19,9 +19,9 @@ namespace {
 
 using Kiln::Json;
 
-const char* const controllerRoot = "interface/status/vxlan/errorStatus/version2/ofc";
-const char* const switches = "interface/status/vxlan/errorStatus/version2/ofc/switch";
-const char* const publishDir = "overlaysvc/version2/input/dynVtepConfig/vgw/switch";
+const std::string controllerRoot = "interface/status/vxlan/errorStatus/version2/ofc";
+const std::string switches = controllerRoot + "/switch";
+const std::string publishDir = "overlaysvc/version2/input/dynVtepConfig/vgw/switch";
 
 class Mounter final : public Fleet::FleetStoreServiceMounter {
  public:
@@ -31,9 +31,8 @@ class Mounter final : public Fleet::FleetStoreServiceMounter {
   void doInitialSwitchMountsComplete(Kiln::String group, Kiln::Ptr<Ledger::EntityManager>) override {
     events.push_back("initial " + group.stringValue());
   }
-  void doHandleControllerMountState(Kiln::String, Kiln::String switchPath, Kiln::String switchName,
-                                    bool mounted) override {
-    events.push_back((mounted ? "+" : "-") + switchName.stringValue() + " at " + switchPath.stringValue());
+  void doHandleControllerMountState(Kiln::String, Kiln::String path, Kiln::String name, bool mounted) override {
+    events.push_back((mounted ? "+" : "-") + name.stringValue() + (path.stringValue() == switches ? "" : " at " + path.stringValue()));
   }
   std::vector<std::string> events;
 };
@@ -50,11 +49,13 @@ class FleetStoreServiceTest : public testing::Test {
     Kiln::logSyslogIs(true);
   }
 
-  Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> group(const char* name = "mg1", const char* flags = "rct") {
-    auto g = service->serviceMountGroupIs(name, &mounter);
+  // A group of `m` that tracks the switches, with a publish mount unless
+  // `prefix` is null.
+  Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> group(Mounter* m, const char* prefix = "") {
+    auto g = service->serviceMountGroupIs("mg1", m);
     g->versionWhiteListIs(whiteList);
-    g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", flags);
-    g->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2");
+    g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
+    if (prefix) g->perSwitchPublishMountIs(publishDir, prefix, "OverlaySvc::VtepConfigDirV2");
     return g;
   }
 
@@ -82,25 +83,6 @@ class FleetStoreServiceTest : public testing::Test {
   Mounter mounter;
 };
 
-TEST_F(FleetStoreServiceTest, aGroupClosesOnlyWithAWhiteListThatAdmitsAVersion) {
-  auto g = service->serviceMountGroupIs("mg1", &mounter);
-  EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\" closed without a version white list");
-  auto empty = service->versionWhiteListIs("none");
-  g->versionWhiteListIs(empty);
-  EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\": the white list \"none\" admits no version");
-  EXPECT_FALSE(g->closed());
-  whiteList->allowedVersionIs(3, true);
-  whiteList->allowedVersionIs(2, false);
-  g->versionWhiteListIs(whiteList);
-  g->closedIs(true);
-  EXPECT_TRUE(g->closed());
-  EXPECT_TRUE(g->versionWhiteList()->allowedVersion(3));
-  EXPECT_FALSE(g->versionWhiteList()->allowedVersion(2));
-  EXPECT_EQ(errorOf([&] { g->closedIs(false); }), "service mount group \"mg1\" is closed and cannot be opened again");
-  EXPECT_NE(errorOf([&] { g->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2"); }).find("is closed"),
-            std::string::npos);
-}
-
 TEST_F(FleetStoreServiceTest, badDeclarationsAreRefusedWhereTheyAreMade) {
   auto g = service->serviceMountGroupIs("mg1", &mounter);
   const std::string at = "service mount group \"mg1\": controller mount ";
@@ -117,21 +99,30 @@ TEST_F(FleetStoreServiceTest, badDeclarationsAreRefusedWhereTheyAreMade) {
   EXPECT_NE(errorOf([&] { g->controllerMountIs("a//b", "a//b/c", "OverlaySvc::ErrorStatusV2", "r"); }).find("a//b"),
             std::string::npos);
   EXPECT_EQ(errorOf([&] { g->perSwitchPublishMountIs(publishDir, "", "FleetCluster::ClusterStatus"); }),
-            "service mount group \"mg1\": per-switch publish mount " + std::string(publishDir) +
+            "service mount group \"mg1\": per-switch publish mount " + publishDir +
                 ": entities of type FleetCluster::ClusterStatus cannot be made by name");
   EXPECT_TRUE(g->controllerMounts().empty());
   EXPECT_TRUE(g->publishMounts().empty());
-
   Mounter other;
   EXPECT_NE(errorOf([&] { service->serviceMountGroupIs("mg1", &other); }).find("already belongs to another mounter"),
             std::string::npos);
-  EXPECT_EQ(service->serviceMountGroupIs("mg1", &mounter), g);
+
+  // A group closes only with a white list that admits a version, and for good.
+  EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\" closed without a version white list");
+  g->versionWhiteListIs(service->versionWhiteListIs("none"));
+  EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\": the white list \"none\" admits no version");
+  EXPECT_FALSE(g->closed());
+  g->versionWhiteListIs(whiteList);
+  g->closedIs(true);
+  EXPECT_EQ(errorOf([&] { g->closedIs(false); }), "service mount group \"mg1\" is closed and cannot be opened again");
+  EXPECT_NE(errorOf([&] { g->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2"); }).find("is closed"),
+            std::string::npos);
   service->closedIs(true);
   EXPECT_NE(errorOf([&] { service->serviceMountGroupIs("mg2", &mounter); }).find("is closed"), std::string::npos);
 }
 
 TEST_F(FleetStoreServiceTest, completionWaitsForBothClosesAndComesOnLaterTurns) {
-  auto g = group();
+  auto g = group(&mounter);
   service->closedIs(true);
   turns(2);
   EXPECT_TRUE(mounter.events.empty());  // the group is still open
@@ -152,8 +143,7 @@ TEST_F(FleetStoreServiceTest, completionWaitsForBothClosesAndComesOnLaterTurns) 
 TEST_F(FleetStoreServiceTest, directoriesAreCheckedAllBeforeAnyIsMade) {
   // Something that is not a directory on the way to the switch directory.
   manager->loadDocument(Json::parse(R"({"interface/status": {"@type": "FleetStore::Config"}})"));
-  auto g = group();
-  g->closedIs(true);
+  group(&mounter)->closedIs(true);
   const Json before = manager->read("");
   EXPECT_EQ(errorOf([&] { service->closedIs(true); }),
             "service mount group \"mg1\": interface/status is a FleetStore::Config, not a directory");
@@ -166,7 +156,7 @@ TEST_F(FleetStoreServiceTest, directoriesAreCheckedAllBeforeAnyIsMade) {
   manager->loadDocument(Json::parse(R"({"overlaysvc/version2/input/dynVtepConfig/vgw/switch": {"@type": "Kiln::Dir"}})"));
   manager->getEntity<Kiln::Dir>(publishDir)->entryTypeIs(&FleetStore::Config::typeInfo_);
   EXPECT_EQ(errorOf([&] { service->closedIs(true); }),
-            "service mount group \"mg1\": " + std::string(publishDir) +
+            "service mount group \"mg1\": " + publishDir +
                 " is a directory of FleetStore::Config, not of OverlaySvc::VtepConfigDirV2");
 
   // Without 'c' the switch directory must be there already.
@@ -176,7 +166,7 @@ TEST_F(FleetStoreServiceTest, directoriesAreCheckedAllBeforeAnyIsMade) {
   s->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rt");
   strict->closedIs(true);
   EXPECT_EQ(errorOf([&] { s->closedIs(true); }),
-            "service mount group \"mg\": " + std::string(switches) + " does not exist, and the mount may not create it");
+            "service mount group \"mg\": " + switches + " does not exist, and the mount may not create it");
 }
 
 TEST_F(FleetStoreServiceTest, publishEntriesFollowTheSwitches) {
@@ -185,14 +175,9 @@ TEST_F(FleetStoreServiceTest, publishEntriesFollowTheSwitches) {
     "interface/status/vxlan/errorStatus/version2/ofc/switch/s2": {"@type": "OverlaySvc::ErrorStatusV2"},
     "overlaysvc/version2/input/dynVtepConfig/vgw/switch/s2": {"@type": "FleetStore::Config"}
   })"));
-  auto g = service->serviceMountGroupIs("mg1", &mounter);
-  g->versionWhiteListIs(whiteList);
-  g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
-  g->perSwitchPublishMountIs(publishDir, "cfg-", "OverlaySvc::VtepConfigDirV2");
+  auto g = group(&mounter, "cfg-");
   g->perSwitchPublishMountIs("overlaysvc/version2/input/plain", "", "OverlaySvc::VtepConfigDirV2");
-  manager->loadDocument(Json::parse(R"({
-    "overlaysvc/version2/input/plain/s2": {"@type": "FleetStore::Config"}
-  })"));
+  manager->loadDocument(Json::parse(R"({"overlaysvc/version2/input/plain/s2": {"@type": "FleetStore::Config"}})"));
   g->closedIs(true);
   service->closedIs(true);
   turns(2);
@@ -215,17 +200,13 @@ TEST_F(FleetStoreServiceTest, publishEntriesFollowTheSwitches) {
   EXPECT_FALSE(published->entityPtr("cfg-s2"));
   EXPECT_TRUE(plain->entityPtr<FleetStore::Config>("s2"));
   // An entry replaced in place is still the same switch.
-  manager->write(std::string(switches) + "/s1", Json::parse(R"({"genericError": {"x": "y"}})"), Ledger::Writer::external);
-  EXPECT_EQ(mounter.events, (std::vector<std::string>{"complete mg1", std::string("+s1 at ") + switches,
-                                                      std::string("+s2 at ") + switches, "initial mg1",
-                                                      std::string("-s2 at ") + switches}));
+  manager->write(switches + "/s1", Json::parse(R"({"genericError": {"x": "y"}})"), Ledger::Writer::external);
+  EXPECT_EQ(mounter.events, (std::vector<std::string>{"complete mg1", "+s1", "+s2", "initial mg1", "-s2"}));
 }
 
 TEST_F(FleetStoreServiceTest, aMounterThatIsGoneHearsNothing) {
   auto gone = std::make_unique<Mounter>();
-  auto g = service->serviceMountGroupIs("mg1", gone.get());
-  g->versionWhiteListIs(whiteList);
-  g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
+  auto g = group(gone.get(), nullptr);
   g->closedIs(true);
   service->closedIs(true);
   gone.reset();

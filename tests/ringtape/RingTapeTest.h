@@ -52,6 +52,11 @@ class RingTapeTest : public ::testing::Test {
     EXPECT_TRUE(contents) << error;
     return contents ? contents->records : std::vector<RingTape::Record>{};
   }
+  static std::vector<std::string> messagesOf(const std::vector<RingTape::Record>& records) {
+    std::vector<std::string> messages;
+    for (const auto& record : records) messages.push_back(record.message);
+    return messages;
+  }
 
   static void levelsAre(const char* stream, const char* ring) {
     setenv("VGW_TRACE", stream, 1);

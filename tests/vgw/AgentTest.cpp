@@ -61,6 +61,7 @@ class AgentTest : public testing::Test {
   }
 
   fs::path lockFile() const { return dir / "lock"; }
+  fs::path tape() const { return dir / (std::string(agentName) + ".tape"); }
   void start() {
     runner.localEntityManager()->loadDocument(document);
     status = runner.localEntityManager()->getEntity<Status>("vgw/status");
@@ -84,8 +85,11 @@ class AgentTest : public testing::Test {
 TEST_F(AgentTest, StartsThroughItsMountsAndPublishesPerSwitchConfiguration) {
   document[std::string("interface/status/vxlan/errorStatus/version2/ofc/switch/") + switchId] = {
       {"@type", "OverlaySvc::ErrorStatusV2"}};
+  std::ofstream(tape()) << "last life";
   start();
-  EXPECT_EQ(RingTape::ringPath(), (dir / (std::string(agentName) + ".tape")).string());
+  EXPECT_EQ(RingTape::ringPath(), tape().string());
+  EXPECT_TRUE(RingTape::isOpen());
+  EXPECT_FALSE(fs::exists(tape() += ".prev")) << "a clean start replaces the tape";
   EXPECT_TRUE(fs::exists(lockFile()));
   runUntilRoot();
   const RootSm& root = *agent->rootSm();
@@ -113,16 +117,9 @@ TEST_F(AgentTest, InitialSwitchMountsBeforeTheRootStateMachineStillCount) {
 
 TEST_F(AgentTest, LockFileLeftByALastLifeKeepsItsTape) {
   std::ofstream(lockFile()).put('\n');
-  std::ofstream(dir / (std::string(agentName) + ".tape")) << "last life";
+  std::ofstream(tape()) << "last life";
   start();
-  EXPECT_TRUE(fs::exists(dir / (std::string(agentName) + ".tape.prev")));
-}
-
-TEST_F(AgentTest, CleanStartReplacesTheTape) {
-  std::ofstream(dir / (std::string(agentName) + ".tape")) << "last life";
-  start();
-  EXPECT_FALSE(fs::exists(dir / (std::string(agentName) + ".tape.prev")));
-  EXPECT_TRUE(RingTape::isOpen());
+  EXPECT_TRUE(fs::exists(tape() += ".prev"));
 }
 
 TEST_F(AgentTest, RingTapeDisabledTouchesNoLockFile) {

@@ -10,9 +10,9 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 
 #include "SessionSupport.h"
-#include "TransactionSupport.h"
 
 namespace Vgw::Test {
 namespace {
@@ -20,6 +20,10 @@ namespace {
 constexpr const char* blueUuid = "00000000-0000-0000-8000-000000000001";
 constexpr const char* greenUuid = "00000000-0000-0000-8000-000000000002";
 constexpr const char* foreignUuid = "00000000-0000-0000-8000-000000000003";
+
+struct RpcClose {
+  void operator()(jsonrpc* r) const { ovsc_jsonrpc_close(r); }
+};
 
 // The peer's side, in the child: every exit status but 0 names the step
 // that went wrong. Waits are bounded so that a broken agent fails the test
@@ -106,7 +110,7 @@ class ScriptedServer {
     _exit(0);
   }
 
-  RpcPtr rpc_;
+  std::unique_ptr<jsonrpc, RpcClose> rpc_;
 };
 
 TEST(VgwPassiveSession, ListensForTheServerAnswersItsEchoAndDropsForeignReplies) {
@@ -123,10 +127,10 @@ TEST(VgwPassiveSession, ListensForTheServerAnswersItsEchoAndDropsForeignReplies)
     // Blocks until the peer has connected and delivered the schema.
     root.enable();
     EXPECT_EQ(root.state(), SessionState::stateConnecting);
-    EXPECT_TRUE(runner.runUntil([&] { return root.ovsdb()->logicalSwitch(Uuid::parse(greenUuid)) != nullptr; }));
+    EXPECT_TRUE(runner.runUntil([&] { return root.ovsdb->logicalSwitch(Uuid::parse(greenUuid)) != nullptr; }));
     EXPECT_EQ(root.state(), SessionState::stateConnected);
-    EXPECT_TRUE(root.ovsdb()->logicalSwitch(Uuid::parse(blueUuid)));
-    EXPECT_FALSE(root.ovsdb()->logicalSwitch(Uuid::parse(foreignUuid)));
+    EXPECT_TRUE(root.ovsdb->logicalSwitch(Uuid::parse(blueUuid)));
+    EXPECT_FALSE(root.ovsdb->logicalSwitch(Uuid::parse(foreignUuid)));
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);

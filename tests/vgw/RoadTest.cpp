@@ -11,14 +11,11 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 
 #include "Hearth/AgentRunner.h"
-#include "RingTape/RingTape.h"
 #include "SessionSupport.h"
-#include "TransactionSupport.h"
 #include "Vgw/VgwAgent.h"
 
 namespace Vgw::Test {
@@ -26,24 +23,14 @@ namespace {
 
 using Ipkit::EthAddr;
 using Ipkit::IpAddr;
-using Ipkit::IpGenAddr;
 using Kiln::Json;
 using OverlaySvc::IpToMacV2;
 using OverlaySvc::MacVtepV2;
 
 constexpr const char* vniStatusPath = "vgw/version2/vniStatusDir";
 
-EthAddr mac(const char* text) { return EthAddr::parse(text); }
-IpGenAddr ip(const char* text) { return IpGenAddr::parse(text); }
 MacVtepV2 macEntry(const char* m, const char* vtep) { return MacVtepV2(mac(m), IpAddr::parse(vtep), 1, 32); }
 IpToMacV2 ipEntry(const char* address, const char* m) { return IpToMacV2(ip(address), mac(m), 1, 32); }
-
-// How often a trace text occurs in `text`.
-std::size_t occurrences(const std::string& text, const std::string& part) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-  return count;
-}
 
 class VgwRoad : public testing::Test {
  protected:
@@ -81,16 +68,8 @@ class VgwRoad : public testing::Test {
     return loop.runUntil([&] { return publishes(vni, m) && published(vni)->macVtepTable(mac(m)).vtepIp() == IpAddr::parse(vtep); });
   }
 
-  // Waits until the agent has applied every update the server sent before.
   // The mark is an update of Global, so the agent takes the full path.
-  void sync() {
-    db.mark(++marks);
-    const Kiln::String wanted = std::to_string(marks);
-    ASSERT_TRUE(loop.runUntil([&] {
-      const auto& globals = agent->status()->ovsdb()->root();
-      return !globals.empty() && globals.begin()->second->otherConfig("sync") == wanted;
-    }));
-  }
+  void sync() { ASSERT_TRUE(db.synced(loop, [&] { return agent->status()->ovsdb(); })); }
 
   // One host move in one transaction, as a controller makes it: the old row
   // out, a new row behind `vtep` in.
@@ -106,7 +85,6 @@ class VgwRoad : public testing::Test {
   Hearth::AgentRunner runner{"VgwRoadTest"};
   Kiln::Ptr<Agent> agent;
   Kiln::Ptr<OverlaySvc::VniStatusDirV2> vniStatusDir;
-  int marks = 0;
 };
 
 TEST_F(VgwRoad, RemoteMacIsPublishedWithItsVtepAndFollowsMovesOnBothPathsAndItsDelete) {
@@ -124,19 +102,19 @@ TEST_F(VgwRoad, RemoteMacIsPublishedWithItsVtepAndFollowsMovesOnBothPathsAndItsD
   EXPECT_EQ(published(5000)->macVtepTable(mac("00:00:00:00:00:0b")), macEntry("00:00:00:00:00:0b", "10.0.0.2"));
   EXPECT_EQ(published(5000)->ipToMacTable(),
             (OverlaySvc::VniStatusV2::IpToMacTableType{{ip("10.1.1.10"), ipEntry("10.1.1.10", "00:00:00:00:00:0a")}}));
-  const std::size_t narrowBefore = occurrences(trace.text(), "Optimal path");
+  const std::size_t narrowBefore = trace.count("Optimal path");
 
   // To a VTEP the database knows: the update holds only remote MAC rows.
   move(blue, "00:00:00:00:00:0a", "10.0.0.2", "10.1.1.10");
   ASSERT_TRUE(publishedBehind(5000, "00:00:00:00:00:0a", "10.0.0.2"));
-  EXPECT_EQ(occurrences(trace.text(), "Optimal path"), narrowBefore + 1);
+  EXPECT_EQ(trace.count("Optimal path"), narrowBefore + 1);
   EXPECT_EQ(published(5000)->macVtepTable(mac("00:00:00:00:00:0a")), macEntry("00:00:00:00:00:0a", "10.0.0.2"));
   EXPECT_EQ(published(5000)->ipToMacTable(ip("10.1.1.10")), ipEntry("10.1.1.10", "00:00:00:00:00:0a"));
 
   // To a new VTEP: the update brings its locator, and the full path runs.
   move(blue, "00:00:00:00:00:0a", "10.0.0.3", "10.1.1.10");
   ASSERT_TRUE(publishedBehind(5000, "00:00:00:00:00:0a", "10.0.0.3"));
-  EXPECT_EQ(occurrences(trace.text(), "Optimal path"), narrowBefore + 1);
+  EXPECT_EQ(trace.count("Optimal path"), narrowBefore + 1);
   EXPECT_EQ(published(5000)->ipToMacTable(ip("10.1.1.10")), ipEntry("10.1.1.10", "00:00:00:00:00:0a"));
 
   db.transact(Json::array({Controller::deleteWhere("Ucast_Macs_Remote", "MAC", "00:00:00:00:00:0a")}));
@@ -242,7 +220,7 @@ TEST_F(VgwRoad, ASecondFullReconciliationOfAnUnchangedDatabaseWritesNoMacEntry) 
   });
   TraceCapture trace("VgwRemoteHost/5");
   sync();
-  EXPECT_EQ(occurrences(trace.text(), "RemoteHostSm::handleInitialized()"), 1u);
+  EXPECT_EQ(trace.count("RemoteHostSm::handleInitialized()"), 1u);
   EXPECT_EQ(writes, (std::map<std::string, int>{})) << "a full pass over what is published changes nothing";
 
   // The same watch hears a real change.

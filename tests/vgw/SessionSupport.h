@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -14,6 +15,7 @@
 #include "Kiln/Json.h"
 #include "LoopRunner.h"
 #include "OvsdbServer.h"
+#include "TestSupport.h"
 #include "Vgw/HwVtepRequestHandlerSm.h"
 #include "Vgw/RemoteHostSm.h"
 #include "Vgw/VgwClientSm.h"
@@ -21,23 +23,13 @@
 
 namespace Vgw::Test {
 
-// What monitor messages asked of the logical router machine.
-class LrSmRecorder : public LrSmInterface {
- public:
-  void reconcileConfig() override { ++reconciles; }
-  void dirtyUuidIs(const Uuid& uuid) override { dirty.insert(uuid); }
-  int reconciles = 0;
-  std::set<Uuid> dirty;
-};
-
-class TunnelSmRecorder : public TunnelSmInterface {
- public:
-  void handleRefresh(bool force) override {
-    ++refreshes;
-    lastForce = force;
-  }
-  int refreshes = 0;
-  bool lastForce = false;
+// Records what monitor messages asked of the logical router and tunnel machines.
+struct Dependents : LrSmInterface, TunnelSmInterface {
+  void reconcileConfig() override {}
+  void dirtyUuidIs(const Uuid& uuid) override { dirtyRouters.insert(uuid); }
+  void handleRefresh(bool force) override { forcedRefreshes += force ? 1 : 0; }
+  std::set<Uuid> dirtyRouters;
+  int forcedRefreshes = 0;
 };
 
 // Plays the root state machine's part for the session: enable() builds the
@@ -47,99 +39,75 @@ class TunnelSmRecorder : public TunnelSmInterface {
 // the next turn of the loop.
 class SessionRoot : public RootSmInterface {
  public:
-  explicit SessionRoot(const std::string& socketPath)
-      : config_(Kiln::newPtr<Config>()),
-        status_(Kiln::newPtr<Status>()),
-        vniStatusDir_(Kiln::newPtr<OverlaySvc::VniStatusDirV2>()),
-        localData_(Kiln::Entity::singletonIs<LocalData>()),
-        kilnSession_(this),
-        disconnectTimer_(this) {
-    config_->ovsdbSocketPathIs(socketPath);
-    disconnectTimer_.notifierIs(Kiln::EventLoop::current().clock());
+  explicit SessionRoot(const std::string& socketPath) {
+    config->ovsdbSocketPathIs(socketPath);
+    teardown_.notifierIs(Kiln::EventLoop::current().clock());
   }
   ~SessionRoot() override {
-    client_ = nullptr;
-    remoteHostSm_ = nullptr;
-    handler_ = nullptr;
-    ovsdbSm_ = nullptr;
+    client = nullptr;
+    remoteHost = nullptr;
+    handler = nullptr;
+    ovsdbSm = nullptr;
   }
 
   void enable() {
-    queue_ = Kiln::newPtr<OvsdbRequestQueue>();
-    status_->ovsdbSessionStatusDel();
-    sessionStatus_ = status_->ovsdbSessionStatusIs("sessionStatus");
-    kilnSession_.notifierIs(sessionStatus_);
-    status_->ovsdbDel();
-    ovsdb_ = status_->ovsdbIs("ovsdb");
-    ovsdbSm_ = hwVtepOvsdbSmFactory(ovsdb_);
-    handler_ = hwVtepRequestHandlerSmFactory(config_, sessionStatus_, ovsdb_, queue_, this);
-    client_ = vgwClientSmFactory(sessionStatus_, queue_);
+    queue = Kiln::newPtr<OvsdbRequestQueue>();
+    status->ovsdbSessionStatusDel();
+    sessionStatus = status->ovsdbSessionStatusIs("sessionStatus");
+    watch_.notifierIs(sessionStatus);
+    status->ovsdbDel();
+    ovsdb = status->ovsdbIs("ovsdb");
+    ovsdbSm = hwVtepOvsdbSmFactory(ovsdb);
+    handler = hwVtepRequestHandlerSmFactory(config, sessionStatus, ovsdb, queue, this);
+    client = vgwClientSmFactory(sessionStatus, queue);
   }
+  SessionState state() const { return sessionStatus->sessionState(); }
 
-  RemoteHostSm* remoteHostSm() const override { return remoteHostSm_.get(); }
-  LrSmInterface* lrSm() const override { return &lr; }
-  TunnelSmInterface* tunnelSm() const override { return &tunnel; }
+  RemoteHostSm* remoteHostSm() const override { return remoteHost.get(); }
+  LrSmInterface* lrSm() const override { return &dependents; }
+  TunnelSmInterface* tunnelSm() const override { return &dependents; }
 
-  const Kiln::Ptr<Config>& config() const { return config_; }
-  const Kiln::Ptr<Status>& status() const { return status_; }
-  const Kiln::Ptr<OverlaySvc::VniStatusDirV2>& vniStatusDir() const { return vniStatusDir_; }
-  const Kiln::Ptr<OvsdbRequestQueue>& queue() const { return queue_; }
-  const Kiln::Ptr<OvsdbSessionStatus>& sessionStatus() const { return sessionStatus_; }
-  const Kiln::Ptr<HwVtepOvsdb>& ovsdb() const { return ovsdb_; }
-  const Kiln::Ptr<HwVtepRequestHandlerSm>& handler() const { return handler_; }
-  const Kiln::Ptr<VgwClientSm>& client() const { return client_; }
-  SessionState state() const { return sessionStatus_->sessionState(); }
-  int disconnects() const { return disconnects_; }
-
-  mutable LrSmRecorder lr;
-  mutable TunnelSmRecorder tunnel;
+  const Kiln::Ptr<Config> config = Kiln::newPtr<Config>();
+  const Kiln::Ptr<Status> status = Kiln::newPtr<Status>();
+  const Kiln::Ptr<OverlaySvc::VniStatusDirV2> vniStatusDir = Kiln::newPtr<OverlaySvc::VniStatusDirV2>();
+  Kiln::Ptr<OvsdbRequestQueue> queue;
+  Kiln::Ptr<OvsdbSessionStatus> sessionStatus;
+  Kiln::Ptr<HwVtepOvsdb> ovsdb;
+  Kiln::Ptr<HwVtepOvsdbSm> ovsdbSm;
+  Kiln::Ptr<HwVtepRequestHandlerSm> handler;
+  Kiln::Ptr<VgwClientSm> client;
+  Kiln::Ptr<RemoteHostSm> remoteHost;
+  int disconnects = 0;
+  mutable Dependents dependents;
 
  private:
-  class KilnSession : public OvsdbSessionStatus::NotifieeConst {
+  class Watch : public OvsdbSessionStatus::NotifieeConst {
    public:
-    explicit KilnSession(SessionRoot* root) : root_(root) {}
+    explicit Watch(SessionRoot& root) : root_(root) {}
     void onSessionState() override {
-      switch (root_->state()) {
-        case SessionState::stateConnected:
-          if (!root_->remoteHostSm_) root_->remoteHostSm_ = remoteHostSmFactory(root_->status_, root_->vniStatusDir_);
-          break;
-        case SessionState::stateDisconnected:
-          root_->disconnectTimer_.timeMinIs(Kiln::System::currentTime());
-          break;
-        default: break;
+      if (root_.state() == SessionState::stateConnected && !root_.remoteHost) {
+        root_.remoteHost = remoteHostSmFactory(root_.status, root_.vniStatusDir);
       }
+      if (root_.state() == SessionState::stateDisconnected) root_.teardown_.timeMinIs(Kiln::System::currentTime());
     }
 
    private:
-    SessionRoot* root_;
+    SessionRoot& root_;
   };
-  class KilnDisconnect : public Kiln::Clock::NotifieeConst {
+  class Teardown : public Kiln::Clock::NotifieeConst {
    public:
-    explicit KilnDisconnect(SessionRoot* root) : root_(root) {}
+    explicit Teardown(SessionRoot& root) : root_(root) {}
     void onTimeMin() override {
-      ++root_->disconnects_;
-      root_->remoteHostSm_ = nullptr;
-      root_->localData_->reset();
+      ++root_.disconnects;
+      root_.remoteHost = nullptr;
+      Kiln::Entity::singletonIs<LocalData>()->reset();
     }
 
    private:
-    SessionRoot* root_;
+    SessionRoot& root_;
   };
-
-  const Kiln::Ptr<Config> config_;
-  const Kiln::Ptr<Status> status_;
-  const Kiln::Ptr<OverlaySvc::VniStatusDirV2> vniStatusDir_;
-  const Kiln::Ptr<LocalData> localData_;
-  Kiln::Ptr<OvsdbRequestQueue> queue_;
-  Kiln::Ptr<OvsdbSessionStatus> sessionStatus_;
-  Kiln::Ptr<HwVtepOvsdb> ovsdb_;
-  Kiln::Ptr<HwVtepOvsdbSm> ovsdbSm_;
-  Kiln::Ptr<HwVtepRequestHandlerSm> handler_;
-  Kiln::Ptr<VgwClientSm> client_;
-  Kiln::Ptr<RemoteHostSm> remoteHostSm_;
-  int disconnects_ = 0;
-  KilnSession kilnSession_;
-  KilnDisconnect disconnectTimer_;
+  Watch watch_{*this};
+  Teardown teardown_{*this};
 };
 
 // Returns the process-wide working data to a fresh process's state,
@@ -197,10 +165,7 @@ class Controller {
       }
     }
     const std::string name = "loc" + std::to_string(++named_);
-    ops.push_back({{"op", "insert"},
-                   {"table", "Physical_Locator"},
-                   {"uuid-name", name},
-                   {"row", {{"encapsulation_type", "vxlan_over_ipv4"}, {"dst_ip", ip}}}});
+    ops.push_back(insert("Physical_Locator", name, {{"encapsulation_type", "vxlan_over_ipv4"}, {"dst_ip", ip}}));
     return Kiln::Json::array({"named-uuid", name});
   }
 
@@ -215,55 +180,60 @@ class Controller {
   Uuid addLogicalSwitch(const std::string& name, int vni) {
     Kiln::Json row = {{"name", name}};
     if (vni >= 0) row["tunnel_key"] = vni;
-    return transact(Kiln::Json::array(
-                        {{{"op", "insert"}, {"table", "Logical_Switch"}, {"uuid-name", "ls"}, {"row", row}}}))
-        .at("ls");
+    return transact(Kiln::Json::array({insert("Logical_Switch", "ls", row)})).at("ls");
   }
 
   // A Ucast_Macs_Remote insert behind VTEP `ip`, added to `ops`.
   void ucastRemote(Kiln::Json& ops, const Uuid& ls, const std::string& mac, const std::string& ip,
                    const std::string& ipaddr = "") {
-    Kiln::Json row = Kiln::Json::object();
-    row["MAC"] = mac;
-    row["logical_switch"] = reference(ls);
-    row["locator"] = locator(ip, ops);
+    Kiln::Json row = {{"MAC", mac}, {"logical_switch", reference(ls)}, {"locator", locator(ip, ops)}};
     if (!ipaddr.empty()) row["ipaddr"] = ipaddr;
     ops.push_back({{"op", "insert"}, {"table", "Ucast_Macs_Remote"}, {"row", row}});
   }
 
+  static Kiln::Json insert(const char* table, const std::string& uuidName, const Kiln::Json& row) {
+    return {{"op", "insert"}, {"table", table}, {"uuid-name", uuidName}, {"row", row}};
+  }
+
+  // Adds the row inserted as `uuidName` to Global's `column`.
+  static Kiln::Json addToGlobal(const char* column, const std::string& uuidName) {
+    return {{"op", "mutate"},
+            {"table", "Global"},
+            {"where", Kiln::Json::array()},
+            {"mutations", Kiln::Json::array({Kiln::Json::array({column, "insert", Kiln::Json::array({"named-uuid", uuidName})})})}};
+  }
+
   static Kiln::Json reference(const Uuid& uuid) { return Kiln::Json::array({"uuid", uuid.stringValue().stringValue()}); }
 
-  // ["map", [[key, value], ...]]
-  static Kiln::Json map(const std::map<std::string, std::string>& pairs) {
-    Kiln::Json members = Kiln::Json::array();
-    for (const auto& [key, value] : pairs) members.push_back(Kiln::Json::array({key, value}));
-    return Kiln::Json::array({"map", members});
+  // ["map", [[key, value]]]
+  static Kiln::Json mapOf(const Kiln::Json& key, const Kiln::Json& value) {
+    return Kiln::Json::array({"map", Kiln::Json::array({Kiln::Json::array({key, value})})});
   }
 
   static Kiln::Json deleteWhere(const char* table, const char* column, const Kiln::Json& value) {
     return {{"op", "delete"}, {"table", table}, {"where", Kiln::Json::array({Kiln::Json::array({column, "==", value})})}};
   }
 
-  // Rewrites Global's other_config; the agent's mirror shows the value once
-  // it has read every update the server sent before.
-  void mark(int value) {
+  // Rewrites Global's other_config and runs `loop` until the mirror that
+  // `ovsdb` returns shows the new value: the agent has then applied every
+  // update the server sent before.
+  bool synced(LoopRunner& loop, const std::function<Kiln::Ptr<HwVtepOvsdb>()>& ovsdb) {
+    const std::string value = std::to_string(++marks_);
     transact(Kiln::Json::array({{{"op", "update"},
                                  {"table", "Global"},
                                  {"where", Kiln::Json::array()},
-                                 {"row", {{"other_config", map({{"sync", std::to_string(value)}})}}}}}));
+                                 {"row", {{"other_config", mapOf("sync", value)}}}}}));
+    return loop.runUntil([&] {
+      const Kiln::Ptr<HwVtepOvsdb> mirror = ovsdb();
+      return mirror && !mirror->root().empty() && mirror->root().begin()->second->otherConfig("sync") == value;
+    });
   }
 
  private:
   OvsdbServer& server_;
   int named_ = 0;
+  int marks_ = 0;
 };
-
-template <class Map>
-std::set<typename Map::key_type> keysOf(const Map& map) {
-  std::set<typename Map::key_type> out;
-  for (const auto& [key, value] : map) out.insert(key);
-  return out;
-}
 
 // Expects the mirror and the remote host tables to hold exactly what the
 // server holds, table by table.

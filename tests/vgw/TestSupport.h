@@ -1,6 +1,6 @@
-// Helpers for the tests of the transaction path: a JSON-RPC connection to
-// the harness's ovsdb-server with the schema it serves, the server's rows as
-// JSON, and a capture of the trace stream.
+// Helpers every vgw test shares: row uuids and addresses from short text,
+// the hardware_vtep schema, the server's rows as libopenvswitch JSON
+// compared column by column, and a capture of the trace stream.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,12 +8,14 @@
 #include <openvswitch/shash.h>
 
 #include <cstdlib>
-#include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Ipkit/EthAddr.h"
+#include "Ipkit/IpGenAddr.h"
 #include "Ovs/OvsHandles.h"
 #include "OvsdbServer.h"
 #include "RingTape/RingTape.h"
@@ -21,29 +23,23 @@
 
 namespace Vgw::Test {
 
-struct RpcClose {
-  void operator()(jsonrpc* r) const { ovsc_jsonrpc_close(r); }
-};
-using RpcPtr = std::unique_ptr<jsonrpc, RpcClose>;
+// A uuid as the server makes them; `n` orders them.
+inline Uuid rowId(std::uint32_t n) { return Uuid(0, 0, 0x80000000u, n); }
+inline Ipkit::EthAddr mac(std::string_view text) { return Ipkit::EthAddr::parse(text); }
+inline Ipkit::IpGenAddr ip(std::string_view text) { return Ipkit::IpGenAddr::parse(text); }
+
+template <class Map>
+std::set<typename Map::key_type> keysOf(const Map& map) {
+  std::set<typename Map::key_type> out;
+  for (const auto& [key, value] : map) out.insert(key);
+  return out;
+}
 
 inline Ovs::JsonPtr parseJson(std::string_view text) { return Ovs::JsonPtr(json_from_string(std::string(text).c_str())); }
 
 inline std::string toText(const json* j) {
   const Ovs::CString text(json_to_string(j, JSSF_SORT));
   return text.get();
-}
-
-// A blocking request on `rpc`; the reply's result, or null (with a test
-// failure) when the request failed or the server answered with an error.
-inline Ovs::JsonPtr request(jsonrpc* rpc, jsonrpc_msg* msg) {
-  jsonrpc_msg* raw = nullptr;
-  const int error = ovsc_jsonrpc_transact_block(rpc, msg, &raw);
-  const Ovs::JsonRpcMsgPtr reply(raw);
-  EXPECT_EQ(error, 0);
-  if (error || !reply) return nullptr;
-  const json* result = ovsc_jsonrpc_msg_result(reply.get());
-  EXPECT_NE(result, nullptr) << toText(ovsc_jsonrpc_msg_error(reply.get()));
-  return Ovs::JsonPtr(result ? json_clone(result) : nullptr);
 }
 
 // The hardware_vtep schema as installed, for tests that need no server.
@@ -59,35 +55,6 @@ inline const ovsdb_table_schema& tableOf(const Ovs::SchemaPtr& schema, const cha
   return *ovsc_ovsdb_schema_table(schema.get(), name);
 }
 
-// The agent's side of one server: a connection and the schema it serves.
-class Session {
- public:
-  explicit Session(OvsdbServer& server) {
-    stream* s = nullptr;
-    const int error = ovsc_jsonrpc_stream_open_block(server.target().c_str(), 0x30, -1, &s);
-    EXPECT_EQ(error, 0) << "connecting to " << server.target();
-    if (error) return;
-    rpc_.reset(ovsc_jsonrpc_open(s));
-    const Ovs::JsonPtr reply =
-        request(rpc_.get(), ovsc_jsonrpc_create_request("get_schema", parseJson(R"(["hardware_vtep"])").release(), nullptr));
-    ovsdb_schema* schema = nullptr;
-    const Ovs::CString problem(reply ? ovsc_ovsdb_schema_from_json(reply.get(), &schema) : nullptr);
-    EXPECT_EQ(problem, nullptr) << problem.get();
-    schema_.reset(schema);
-  }
-
-  bool ok() const { return rpc_ && schema_; }
-  jsonrpc* rpc() const { return rpc_.get(); }
-  const ovsdb_table_schema& table(const char* name) const { return tableOf(schema_, name); }
-
-  // Sends a transaction message and returns the reply's result.
-  Ovs::JsonPtr transact(jsonrpc_msg* msg) const { return request(rpc_.get(), msg); }
-
- private:
-  RpcPtr rpc_;
-  Ovs::SchemaPtr schema_;
-};
-
 // The rows of a table as the server holds them, "_uuid" included.
 inline std::vector<Ovs::JsonPtr> serverRows(OvsdbServer& server, std::string_view table) {
   const Ovs::JsonPtr rows = parseJson(server.dump(table));
@@ -97,14 +64,11 @@ inline std::vector<Ovs::JsonPtr> serverRows(OvsdbServer& server, std::string_vie
   return out;
 }
 
-inline Uuid rowUuid(const json* row) {
-  const json* u = static_cast<const json*>(shash_find_data(json_object(row), "_uuid"));
-  return Uuid::parse(json_string(json_array(u)->elems[1]));
-}
-
 inline const json* column(const json* row, const char* name) {
   return static_cast<const json*>(shash_find_data(json_object(row), name));
 }
+
+inline Uuid rowUuid(const json* row) { return Uuid::parse(json_string(json_array(column(row, "_uuid"))->elems[1])); }
 
 // A column value as OVSDB prints it, so that the bare form of a set of one
 // and its ["set", [...]] form read the same.
@@ -134,26 +98,11 @@ inline void expectColumnsMatch(const ovsdb_table_schema& table, const json* writ
   std::free(nodes);
 }
 
-// Runs a controller transaction (the ops after the database name) and
-// returns the server's uuid of each insert, in order.
-inline std::vector<Uuid> controllerInsert(OvsdbServer& server, std::string_view ops) {
-  const std::string reply = server.transact(R"(["hardware_vtep", )" + std::string(ops) + "]");
-  const Ovs::JsonPtr result = parseJson(reply);
-  std::vector<Uuid> uuids;
-  const struct json_array* array = json_array(result.get());
-  for (std::size_t i = 0; i < array->n; ++i) {
-    const json* element = array->elems[i];
-    EXPECT_EQ(shash_find_data(json_object(element), "error"), nullptr) << reply;
-    if (const json* u = column(element, "uuid")) uuids.push_back(Uuid::parse(json_string(json_array(u)->elems[1])));
-  }
-  return uuids;
-}
-
 // Collects what the given handles trace at the given levels while it lives.
 class TraceCapture {
  public:
-  explicit TraceCapture(const char* spec) {
-    setenv("VGW_TRACE", spec, 1);
+  explicit TraceCapture(const char* levels) {
+    setenv("VGW_TRACE", levels, 1);
     RingTape::reloadLevels();
     RingTape::streamIs(&stream_);
   }
@@ -166,7 +115,13 @@ class TraceCapture {
   TraceCapture& operator=(const TraceCapture&) = delete;
 
   std::string text() const { return stream_.str(); }
-  bool contains(std::string_view part) const { return stream_.str().find(part) != std::string::npos; }
+  bool contains(std::string_view part) const { return count(part) > 0; }
+  std::size_t count(std::string_view part) const {
+    const std::string all = stream_.str();
+    std::size_t n = 0;
+    for (std::size_t at = all.find(part); at != std::string::npos; at = all.find(part, at + 1)) ++n;
+    return n;
+  }
 
  private:
   std::ostringstream stream_;

@@ -1,0 +1,516 @@
+// Remote hosts from the controller's rows to the fabric, below the session:
+// the remote host table's reference counting, conflicts and pending rows,
+// and what RemoteHostSm publishes in the VNI status directory when a locator
+// is no VTEP, as locator sets and the VTEP list type change, for ARP sources,
+// and that a full pass over unchanged data writes nothing.
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "Vgw/RemoteHostSm.h"
+
+namespace Vgw::Test {
+namespace {
+
+using Ipkit::EthAddr;
+using Ipkit::IpAddr;
+using Ipkit::IpGenAddr;
+using OverlaySvc::MacVtepFloodListV2;
+using OverlaySvc::MacVtepV2;
+using OverlaySvc::VniStatusV2;
+
+const EthAddr hostA = mac("00:00:00:00:00:0a");
+const EthAddr hostB = mac("00:00:00:00:00:0b");
+const EthAddr unknownDst;
+const IpGenAddr addrA = ip("192.168.0.10");
+
+IpAddr ip4(const char* text) { return IpAddr::parse(text); }
+MacVtepV2 macEntry(const EthAddr& m, const char* vtep) { return MacVtepV2(m, ip4(vtep), 1, 32); }
+
+class RemoteHostRows : public ::testing::Test {
+ protected:
+  Uuid locator(std::uint32_t n, const char* address) {
+    ovsdb->physicalLocatorRawIs(rowId(n))->keyIs(PhysicalLocatorKey(EncapsulationType::vxlan_over_ipv4, ip(address)));
+    return rowId(n);
+  }
+  Uuid locatorSet(std::uint32_t n, std::initializer_list<Uuid> locators) {
+    for (const Uuid& member : locators) ovsdb->physicalLocatorSetIs(rowId(n))->locatorIs(member);
+    return rowId(n);
+  }
+  static Kiln::Ptr<UcastMacsRemote> ucastRow(std::uint32_t n, const Uuid& ls, const EthAddr& m, const Uuid& loc,
+                                             const IpGenAddr& address = IpGenAddr()) {
+    auto row = Kiln::newPtr<UcastMacsRemote>(rowId(n));
+    row->macIs(m);
+    row->logicalSwitchIs(ls);
+    row->physicalLocatorIs(loc);
+    row->ipAddrIs(address);
+    return row;
+  }
+  static Kiln::Ptr<McastMacsRemote> mcastRow(std::uint32_t n, const Uuid& ls, const EthAddr& m, const Uuid& set) {
+    auto row = Kiln::newPtr<McastMacsRemote>(rowId(n));
+    row->macIs(m);
+    row->logicalSwitchIs(ls);
+    row->physicalLocatorSetIs(set);
+    return row;
+  }
+
+  Kiln::Ptr<Status> status = Kiln::newPtr<Status>();
+  Kiln::Ptr<HwVtepOvsdb> ovsdb = status->ovsdbIs("ovsdb");
+  const Uuid vtepA = locator(801, "10.0.0.1");
+  const Uuid vtepB = locator(802, "10.0.0.2");
+  const Uuid vtepC = locator(803, "10.0.0.3");
+};
+
+// ---- the remote host table of one logical switch ----
+
+// Records each change of an answer and checks, at that moment, that an
+// answer present is backed by a reference entry holding at least one row:
+// the publisher that reacts to the answer relies on it.
+class AnswerLog : public RemoteHostTable::NotifieeConst {
+ public:
+  std::vector<std::string> seen;
+  bool alwaysBacked = true;
+
+  void onMacVtep(const EthAddr& key) override {
+    auto refs = notifier()->macVtepRef(key);
+    note("mac ", key, notifier()->macVtep().contains(key), refs && !refs->ucastMacsRemoteRef().empty());
+  }
+  void onMacVtepList(const EthAddr& key) override {
+    auto refs = notifier()->macVtepListRef(key);
+    note("list ", key, notifier()->macVtepList().contains(key), refs && !refs->mcastMacsRemoteRef().empty());
+  }
+  void onIpToMac(const IpGenAddr& key) override {
+    auto refs = notifier()->ipToMacRef(key);
+    note("ip ", key, notifier()->ipToMac().contains(key), refs && !refs->ucastMacsRemoteRef().empty());
+  }
+
+ private:
+  template <class Key>
+  void note(const char* answer, const Key& key, bool present, bool backed) {
+    if (present) alwaysBacked = alwaysBacked && backed;
+    seen.push_back((present ? "+" : "-") + std::string(answer) + key.stringValue().stringValue());
+  }
+};
+
+class RemoteHostTableTest : public RemoteHostRows {
+ protected:
+  void SetUp() override { log.notifierIs(table); }
+  void TearDown() override { EXPECT_TRUE(log.alwaysBacked); }
+
+  Kiln::Ptr<UcastMacsRemote> ucast(std::uint32_t n, const char* m, const Uuid& loc, const char* address = "") {
+    return ucastRow(n, rowId(900), mac(m), loc, *address ? ip(address) : IpGenAddr());
+  }
+  Kiln::Ptr<McastMacsRemote> mcast(std::uint32_t n, const char* m, const Uuid& set) {
+    return mcastRow(n, rowId(900), mac(m), set);
+  }
+  void pend(const Kiln::Ptr<UcastMacsRemote>& row) { table->pendingUcastMacsRemoteRawIs(row->uuid(), row); }
+  void pend(const Kiln::Ptr<McastMacsRemote>& row) { table->pendingMcastMacsRemoteRawIs(row->uuid(), row); }
+  std::size_t macRefs(const char* m) const {
+    auto refs = table->macVtepRef(mac(m));
+    return refs ? refs->ucastMacsRemoteRef().size() : 0;
+  }
+  std::size_t ipRefs(const char* address) const {
+    auto refs = table->ipToMacRef(ip(address));
+    return refs ? refs->ucastMacsRemoteRef().size() : 0;
+  }
+
+  Kiln::Ptr<RemoteHostTable> table = Kiln::newPtr<RemoteHostTable>(rowId(900));
+  AnswerLog log;
+  const Uuid loopback = locator(804, "127.0.0.1");
+};
+
+TEST_F(RemoteHostTableTest, rowsOfOneHostShareOneAnswerCountingEachRowOnceUntilTheLastGoes) {
+  auto a = ucast(1, "00:00:00:00:00:0a", vtepA, "192.168.0.10");
+  auto b = ucast(2, "00:00:00:00:00:0a", vtepA, "192.168.0.10");
+  EXPECT_TRUE(table->ucastMacInsert(a, false));
+  EXPECT_TRUE(table->ucastMacInsert(a, false));
+  EXPECT_TRUE(table->ucastMacInsert(b, false));
+  EXPECT_EQ(table->macVtep(hostA), MacVtep(hostA, vtepA));
+  EXPECT_EQ(table->ipToMac(addrA), IpToMac(addrA, hostA, vtepA));
+  EXPECT_EQ(macRefs("00:00:00:00:00:0a"), 2u);
+  EXPECT_EQ(ipRefs("192.168.0.10"), 2u);
+
+  // A modify may release one row through two paths; it still counts once.
+  table->macVtepRemove(a->mac(), a->uuid());
+  table->ipToMacRemove(a->ipAddr(), a->uuid());
+  EXPECT_TRUE(table->ucastMacRemove(a));
+  EXPECT_EQ(log.seen, (std::vector<std::string>{"+mac 00:00:00:00:00:0a", "+ip 192.168.0.10"}));
+  EXPECT_TRUE(table->ucastMacRemove(b));
+  EXPECT_TRUE(table->macVtep().empty());
+  EXPECT_TRUE(table->ipToMac().empty());
+  EXPECT_EQ(log.seen, (std::vector<std::string>{"+mac 00:00:00:00:00:0a", "+ip 192.168.0.10",
+                                                "-mac 00:00:00:00:00:0a", "-ip 192.168.0.10"}));
+
+  // The emptied reference entry stays and is taken up again.
+  auto refs = table->macVtepRef(hostA);
+  ASSERT_TRUE(refs);
+  EXPECT_TRUE(table->ucastMacInsert(b, false));
+  EXPECT_EQ(table->macVtepRef(hostA), refs);
+  EXPECT_TRUE(refs->ucastMacsRemoteRef(b->uuid()));
+}
+
+TEST_F(RemoteHostTableTest, aHostMovedByDeleteAndInsertInOneMessageDoesNotConflict) {
+  for (bool insertFirst : {true, false}) {
+    SCOPED_TRACE(insertFirst ? "insert row before delete row" : "delete row before insert row");
+    auto old = ucast(1, "00:00:00:00:00:0a", vtepA, "192.168.0.10");
+    auto moved = ucast(2, "00:00:00:00:00:0a", vtepB, "192.168.0.10");
+    ASSERT_TRUE(table->ucastMacInsert(old, false));
+    // Within the message, deletes apply as they come and inserts wait.
+    if (insertFirst) pend(moved);
+    EXPECT_TRUE(table->ucastMacRemove(old));
+    if (!insertFirst) pend(moved);
+    EXPECT_TRUE(table->processPendingMacs(ovsdb));
+    EXPECT_EQ(table->macVtep(hostA), MacVtep(hostA, vtepB));
+    EXPECT_EQ(table->ipToMac(addrA), IpToMac(addrA, hostA, vtepB));
+    table->ucastMacRemove(moved);
+    ASSERT_TRUE(table->macVtep().empty());
+  }
+}
+
+TEST_F(RemoteHostTableTest, aSecondVtepForAMacOrASecondMacForAnAddressIsAConflictThatKeepsTheFirst) {
+  TraceCapture trace("VgwLocalTypes/*");
+  ASSERT_TRUE(table->ucastMacInsert(ucast(1, "00:00:00:00:00:0a", vtepA), false));
+  pend(ucast(2, "00:00:00:00:00:0a", vtepB));
+  EXPECT_FALSE(table->processPendingMacs(ovsdb));
+  EXPECT_EQ(table->macVtep(hostA).physicalLocator(), vtepA);
+  EXPECT_EQ(macRefs("00:00:00:00:00:0a"), 1u);
+  EXPECT_TRUE(trace.contains("Inserting (00:00:00:00:00:0a, " + vtepB.stringValue().stringValue() +
+                             ") conflicts with (00:00:00:00:00:0a, " + vtepA.stringValue().stringValue() + ")"))
+      << trace.text();
+  EXPECT_TRUE(trace.contains(" return conflicting Mac, Vtep"));
+
+  ASSERT_TRUE(table->ucastMacInsert(ucast(3, "00:00:00:00:00:0c", vtepA, "192.168.0.10"), false));
+  EXPECT_FALSE(table->ucastMacInsert(ucast(4, "00:00:00:00:00:0d", vtepB, "192.168.0.10"), false));
+  EXPECT_EQ(table->ipToMac(addrA).mac(), mac("00:00:00:00:00:0c"));
+  EXPECT_EQ(ipRefs("192.168.0.10"), 1u);
+  // The MAC step comes first; the session is dropped on the conflict anyway.
+  EXPECT_EQ(table->macVtep(mac("00:00:00:00:00:0d")).physicalLocator(), vtepB);
+  EXPECT_TRUE(trace.contains("Inserting (192.168.0.10, 00:00:00:00:00:0d) conflicts with (192.168.0.10, "
+                             "00:00:00:00:00:0c)"));
+  EXPECT_TRUE(trace.contains(" return conflicting Ip, Mac"));
+
+  // Multicast rows are counted and conflict the same way.
+  auto m1 = mcast(5, "01:00:5e:00:00:01", rowId(701));
+  auto m2 = mcast(6, "01:00:5e:00:00:01", rowId(701));
+  EXPECT_TRUE(table->mcastMacInsert(m1));
+  EXPECT_TRUE(table->mcastMacInsert(m2));
+  pend(mcast(7, "01:00:5e:00:00:01", rowId(702)));
+  EXPECT_FALSE(table->processPendingMacs(ovsdb));
+  EXPECT_EQ(table->macVtepList(mac("01:00:5e:00:00:01")).physicalLocatorSet(), rowId(701));
+  EXPECT_TRUE(trace.contains(" return conflicting Mac, Vtep flood"));
+  EXPECT_TRUE(table->mcastMacRemove(m1));
+  EXPECT_EQ(table->macVtepList().size(), 1u);
+  EXPECT_TRUE(table->mcastMacRemove(m2));
+  EXPECT_TRUE(table->macVtepList().empty());
+}
+
+TEST_F(RemoteHostTableTest, aRowOnALoopbackLocatorBindsOnlyItsAddressAndTakesItOver) {
+  auto a = ucast(1, "00:00:00:00:00:0a", vtepA, "192.168.0.10");
+  ASSERT_TRUE(table->ucastMacInsert(a, false));
+  ASSERT_TRUE(table->ucastMacInsert(ucast(2, "00:00:00:00:00:0a", vtepA, "192.168.0.10"), false));
+  auto d = ucast(3, "00:00:00:00:00:0a", loopback, "192.168.0.10");
+  pend(d);
+  ASSERT_TRUE(table->processPendingMacs(ovsdb));
+  EXPECT_EQ(macRefs("00:00:00:00:00:0a"), 2u);
+  EXPECT_EQ(table->ipToMac(addrA), IpToMac(addrA, hostA, loopback));
+  EXPECT_EQ(ipRefs("192.168.0.10"), 1u);
+
+  // The earlier rows are no longer counted for the address.
+  EXPECT_TRUE(table->ucastMacRemove(a));
+  EXPECT_EQ(table->ipToMac(addrA).physicalLocator(), loopback);
+  EXPECT_TRUE(table->ucastMacRemove(d));
+  EXPECT_TRUE(table->ipToMac().empty());
+  EXPECT_EQ(table->macVtep(hostA).physicalLocator(), vtepA);
+}
+
+TEST_F(RemoteHostTableTest, theZeroMacAndAnswersWithoutALocator) {
+  // Unicast ignores the zero MAC; multicast takes it as the flood list.
+  auto zero = ucast(1, "00:00:00:00:00:00", vtepA, "192.168.0.10");
+  EXPECT_TRUE(table->ucastMacInsert(zero, false));
+  EXPECT_TRUE(table->ucastMacRemove(zero));
+  EXPECT_TRUE(table->macVtepRef().empty());
+  EXPECT_TRUE(table->ipToMacRef().empty());
+  EXPECT_TRUE(table->mcastMacInsert(mcast(2, "00:00:00:00:00:00", rowId(700))));
+  EXPECT_EQ(log.seen, std::vector<std::string>{"+list 00:00:00:00:00:00"});
+
+  // An answer without a locator (set) never conflicts; the first row naming one supplies it.
+  ASSERT_TRUE(table->ucastMacInsert(ucast(3, "00:00:00:00:00:0a", Uuid()), false));
+  EXPECT_TRUE(table->ucastMacInsert(ucast(4, "00:00:00:00:00:0a", vtepA), false));
+  EXPECT_EQ(table->macVtep(hostA).physicalLocator(), vtepA);
+  EXPECT_EQ(macRefs("00:00:00:00:00:0a"), 2u);
+  EXPECT_TRUE(table->mcastMacInsert(mcast(5, "01:00:5e:00:00:01", Uuid())));
+  EXPECT_TRUE(table->mcastMacInsert(mcast(6, "01:00:5e:00:00:01", rowId(700))));
+  EXPECT_EQ(table->macVtepList(mac("01:00:5e:00:00:01")).physicalLocatorSet(), rowId(700));
+}
+
+TEST_F(RemoteHostTableTest, pendingRowsLeaveBeforeFoldingAndAConflictLeavesTheRestWaiting) {
+  ASSERT_TRUE(table->ucastMacInsert(ucast(10, "00:00:00:00:00:0a", vtepA), false));
+  pend(ucast(1, "00:00:00:00:00:01", vtepA));
+  pend(ucast(2, "00:00:00:00:00:0a", vtepB));
+  pend(ucast(3, "00:00:00:00:00:03", vtepB));
+  pend(mcast(4, "01:00:5e:00:00:04", rowId(700)));
+
+  EXPECT_FALSE(table->processPendingMacs(ovsdb));
+  EXPECT_EQ(keysOf(table->macVtep()), (std::set<EthAddr>{mac("00:00:00:00:00:01"), hostA}));
+  EXPECT_EQ(table->macVtep(hostA).physicalLocator(), vtepA);
+  EXPECT_EQ(keysOf(table->pendingUcastMacsRemoteRaw()), std::set<Uuid>{rowId(3)});
+  EXPECT_EQ(table->pendingMcastMacsRemoteRaw().size(), 1u);
+
+  EXPECT_TRUE(table->processPendingMacs(ovsdb));
+  EXPECT_EQ(table->macVtep(mac("00:00:00:00:00:03")).physicalLocator(), vtepB);
+  EXPECT_EQ(table->macVtepList().size(), 1u);
+  EXPECT_TRUE(table->pendingUcastMacsRemoteRaw().empty());
+  EXPECT_TRUE(table->pendingMcastMacsRemoteRaw().empty());
+}
+
+using RemoteHostTableDeathTest = RemoteHostTableTest;
+
+TEST_F(RemoteHostTableDeathTest, answersOutOfStepWithTheirReferencesOrLocatorsAreBreaches) {
+  log.notifierIs(nullptr);
+  auto row = ucast(1, "00:00:00:00:00:0a", vtepA, "192.168.0.10");
+  table->macVtepIs(row->mac(), MacVtep(row->mac(), vtepA));
+  EXPECT_DEATH(table->macVtepRemove(row->mac(), row->uuid()), "Mac Vtep Ref and Mac Vtep desync");
+  EXPECT_DEATH(table->macVtepInsert(row), "Mac Vtep Ref and Mac Vtep desync");
+  EXPECT_DEATH(table->macVtepInsert(ucast(2, "00:00:00:00:00:0a", vtepB)), "method does not handle update");
+  table->ipToMacIs(row->ipAddr(), IpToMac(row->ipAddr(), row->mac(), vtepA));
+  EXPECT_DEATH(table->ipToMacRemove(row->ipAddr(), row->uuid()), "ipToMacRefs && \"Mac Vtep Ref and Mac Vtep desync\"");
+  EXPECT_DEATH(table->ipToMacInsert(row), "Ip Mac Ref and Ip Mac desync");
+  table->macVtepListIs(row->mac(), MacVtepList(row->mac(), rowId(700)));
+  EXPECT_DEATH(table->mcastMacRemove(mcast(2, "00:00:00:00:00:0a", rowId(700))), "Mac Flood Vtep Ref and Mac Flood Vtep desync");
+  pend(ucast(3, "00:00:00:00:00:0b", rowId(899)));
+  EXPECT_DEATH(table->processPendingMacs(ovsdb), "Invalid physicalLocator uuid");
+}
+
+// ---- the publication of every logical switch's answers ----
+
+// Counts every change of the published tables of a VNI.
+class WriteCounter : public VniStatusV2::NotifieeConst {
+ public:
+  int writes = 0;
+  void onMacVtepTable(const EthAddr&) override { ++writes; }
+  void onMacVtepMultiPathTable(const EthAddr&) override { ++writes; }
+  void onMacVtepFloodListTable(const EthAddr&) override { ++writes; }
+  void onIpToMacTable(const IpGenAddr&) override { ++writes; }
+};
+
+// Records the edits of one flood list, in order.
+class FloodListLog : public MacVtepFloodListV2::NotifieeConst {
+ public:
+  std::vector<std::string> seen;
+  void onVtepIpFloodList(const IpAddr& key) override {
+    seen.push_back((notifier()->vtepIpFloodList().contains(key) ? "+" : "-") + key.stringValue().stringValue());
+  }
+};
+
+class RemoteHostSmTest : public RemoteHostRows {
+ protected:
+  void SetUp() override { localData->reset(); }
+  void TearDown() override { localData->reset(); }
+
+  // A Logical_Switch row with its remote host table and the VNI index, as
+  // the monitor leaves them.
+  Uuid logicalSwitch(std::uint32_t n, Vxlan::Vni vni) {
+    ovsdb->logicalSwitchIs(rowId(n))->tunnelKeyIs(vni);
+    localData->remoteHostTableIs(rowId(n));
+    localData->vniToLogicalSwitchIs(vni)->logicalSwitchIs(rowId(n));
+    return rowId(n);
+  }
+  // Remote MAC rows folded in as at the end of a monitor message.
+  Kiln::Ptr<UcastMacsRemote> ucast(std::uint32_t n, const Uuid& ls, const EthAddr& m, const Uuid& loc,
+                                   const IpGenAddr& address = IpGenAddr()) {
+    auto row = ucastRow(n, ls, m, loc, address);
+    localData->remoteHostTable(ls)->pendingUcastMacsRemoteRawIs(row->uuid(), row);
+    EXPECT_TRUE(localData->remoteHostTable(ls)->processPendingMacs(ovsdb));
+    return row;
+  }
+  Kiln::Ptr<McastMacsRemote> mcast(std::uint32_t n, const Uuid& ls, const EthAddr& m, const Uuid& set) {
+    auto row = mcastRow(n, ls, m, set);
+    localData->remoteHostTable(ls)->pendingMcastMacsRemoteRawIs(row->uuid(), row);
+    EXPECT_TRUE(localData->remoteHostTable(ls)->processPendingMacs(ovsdb));
+    return row;
+  }
+  void remove(const Kiln::Ptr<UcastMacsRemote>& row) {
+    localData->remoteHostTable(row->logicalSwitch())->ucastMacRemove(row);
+  }
+  void arpSource(std::uint32_t n, const EthAddr& m, const Uuid& loc) {
+    auto row = ovsdb->arpSourcesRemoteRawIs(rowId(n));
+    row->srcMacIs(m);
+    row->locatorIs(loc);
+    ovsdb->arpSourcesRemoteIs(m, row);
+  }
+  Kiln::Ptr<RemoteHostSm> start() { return remoteHostSmFactory(status, dir); }
+  Kiln::Ptr<VniStatusV2> published(std::int64_t vni) const { return dir->vniStatusV2(Vxlan::Vni(vni)); }
+
+  Kiln::Ptr<LocalData> localData = Kiln::Entity::singletonIs<LocalData>();
+  Kiln::Ptr<OverlaySvc::VniStatusDirV2> dir = Kiln::newPtr<OverlaySvc::VniStatusDirV2>();
+};
+
+TEST_F(RemoteHostSmTest, aHostBehindNoVtepIsWithdrawnWhileItsRowStays) {
+  const Uuid blue = logicalSwitch(1, Vxlan::Vni(5000));
+  auto onA = ucast(10, blue, hostA, vtepA, addrA);
+  auto onB = ucast(11, blue, hostB, vtepB);
+  auto sm = start();
+  LogicalSwitchSm* machine = sm->logicalSwitchSm(blue);
+  ASSERT_EQ(published(5000)->macVtepTable().size(), 2u);
+
+  std::uint32_t n = 20;
+  for (const char* useless : {"0.0.0.0", "::"}) {
+    SCOPED_TRACE(useless);
+    const Uuid nowhere = locator(n, useless);
+    remove(onB);
+    auto stuck = ucast(++n, blue, hostB, nowhere);
+    machine->handleUcastMacVtep(hostB);
+    EXPECT_FALSE(published(5000)->macVtepTable().contains(hostB));
+    EXPECT_EQ(localData->remoteHostTable(blue)->macVtep(hostB).physicalLocator(), nowhere);
+    sm->handleInitialized();
+    EXPECT_FALSE(published(5000)->macVtepTable().contains(hostB));
+    remove(stuck);
+    onB = ucast(++n, blue, hostB, vtepB);
+    machine->handleUcastMacVtep(hostB);
+    ASSERT_EQ(published(5000)->macVtepTable(hostB), macEntry(hostB, "10.0.0.2"));
+  }
+
+  // On a loopback locator the host keeps only its address binding, which is
+  // not published either; the old association stays until the next full pass.
+  remove(onA);
+  ucast(30, blue, hostA, locator(31, "127.0.0.1"), addrA);
+  machine->handleUcastMacVtep(hostA);
+  machine->handleIpToMac(addrA);
+  EXPECT_FALSE(published(5000)->macVtepTable().contains(hostA));
+  EXPECT_TRUE(published(5000)->ipToMacTable().contains(addrA));
+  sm->handleInitialized();
+  EXPECT_FALSE(published(5000)->ipToMacTable().contains(addrA));
+  EXPECT_TRUE(localData->remoteHostTable(blue)->ipToMac().contains(addrA));
+}
+
+TEST_F(RemoteHostSmTest, unknownDstFloodsToEveryVtepOfItsSetAndIsEditedInPlace) {
+  const Uuid blue = logicalSwitch(1, Vxlan::Vni(5000));
+  auto flood = mcast(10, blue, unknownDst, locatorSet(50, {vtepA, vtepB}));
+  auto sm = start();
+  const Kiln::Ptr<MacVtepFloodListV2> entry = published(5000)->macVtepFloodListTable(unknownDst);
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(keysOf(entry->vtepIpFloodList()), (std::set<IpAddr>{ip4("10.0.0.1"), ip4("10.0.0.2")}));
+
+  // The controller replaces the set: A leaves, C joins, B stays throughout.
+  FloodListLog log;
+  log.notifierIs(entry);
+  localData->remoteHostTable(blue)->mcastMacRemove(flood);
+  flood = mcast(11, blue, unknownDst, locatorSet(51, {vtepB, vtepC}));
+  sm->handleInitialized();
+  EXPECT_EQ(published(5000)->macVtepFloodListTable(unknownDst), entry);
+  EXPECT_EQ(log.seen, (std::vector<std::string>{"-10.0.0.1", "+10.0.0.3"}));
+
+  localData->remoteHostTable(blue)->mcastMacRemove(flood);
+  sm->logicalSwitchSm(blue)->handleMcastMacVtep(unknownDst);
+  EXPECT_TRUE(published(5000)->macVtepFloodListTable().empty());
+}
+
+TEST_F(RemoteHostSmTest, theVtepListTypeMovesMulticastEntriesAndAFullPassThenWritesNothing) {
+  const Uuid blue = logicalSwitch(1, Vxlan::Vni(5000));
+  const Uuid green = logicalSwitch(2, Vxlan::Vni(6000));
+  mcast(10, blue, unknownDst, locatorSet(50, {vtepA, vtepB}));
+  mcast(11, blue, mac("01:00:5e:00:00:01"), locatorSet(51, {vtepC}));
+  mcast(12, green, unknownDst, locatorSet(52, {vtepA, vtepC}));
+  ucast(13, blue, hostA, vtepA, addrA);
+  ucast(14, green, hostB, vtepB);
+  arpSource(60, mac("00:00:00:00:00:ee"), vtepC);
+  auto sm = start();
+
+  // What each VNI floods, read from the table the type names.
+  const auto floods = [&](bool multiPath) {
+    std::map<std::pair<std::uint32_t, EthAddr>, std::set<IpAddr>> out;
+    for (const auto& [vni, entry] : dir->vniStatusV2()) {
+      EXPECT_EQ(entry->macVtepFloodListTable().empty(), multiPath);
+      EXPECT_EQ(entry->macVtepMultiPathTable().empty(), !multiPath);
+      for (const auto& [m, list] : entry->macVtepFloodListTable()) out[{vni.value(), m}] = keysOf(list->vtepIpFloodList());
+      for (const auto& [m, value] : entry->macVtepMultiPathTable()) out[{vni.value(), m}] = keysOf(value.vtepIpList());
+    }
+    return out;
+  };
+  const auto asFloodList = floods(false);
+  ASSERT_EQ(asFloodList.size(), 3u);
+  EXPECT_EQ(asFloodList.at({6000, unknownDst}), (std::set<IpAddr>{ip4("10.0.0.1"), ip4("10.0.0.3")}));
+
+  for (VtepListType type : {VtepListType::multiPath, VtepListType::floodList}) {
+    const bool multiPath = type == VtepListType::multiPath;
+    SCOPED_TRACE(multiPath ? "multi-path" : "flood list");
+    {
+      TraceCapture trace("VgwRemoteHost/*");
+      status->vtepListTypeIs(type);
+      EXPECT_TRUE(trace.contains("VtepListType changed to 2 entries")) << trace.text();
+    }
+    EXPECT_EQ(floods(multiPath), asFloodList);
+
+    // A full pass publishes by the new type and finds nothing to change.
+    std::map<std::uint32_t, std::string> before;
+    std::vector<std::unique_ptr<WriteCounter>> counters;
+    std::vector<std::unique_ptr<FloodListLog>> floodLogs;
+    for (const auto& [vni, entry] : dir->vniStatusV2()) {
+      before[vni.value()] = entry->toJson().dump();
+      counters.push_back(std::make_unique<WriteCounter>());
+      counters.back()->notifierIs(entry);
+      for (const auto& [m, list] : entry->macVtepFloodListTable()) {
+        floodLogs.push_back(std::make_unique<FloodListLog>());
+        floodLogs.back()->notifierIs(list);
+      }
+    }
+    sm->handleInitialized();
+    for (const auto& counter : counters) EXPECT_EQ(counter->writes, 0);
+    for (const auto& log : floodLogs) EXPECT_TRUE(log->seen.empty());
+    for (const auto& [vni, entry] : dir->vniStatusV2()) EXPECT_EQ(entry->toJson().dump(), before.at(vni.value()));
+  }
+}
+
+TEST_F(RemoteHostSmTest, anArpSourceIsPublishedInEveryVniAndLeavesWithItsRow) {
+  ucast(10, logicalSwitch(1, Vxlan::Vni(5000)), hostA, vtepA);
+  ucast(11, logicalSwitch(2, Vxlan::Vni(6000)), hostB, vtepB);
+  const EthAddr router = mac("00:00:00:00:00:ee");
+  arpSource(60, router, vtepC);
+  auto sm = start();
+  // The sweep keeps it although no logical switch holds the MAC.
+  sm->handleInitialized();
+  for (std::int64_t vni : {5000, 6000}) EXPECT_EQ(published(vni)->macVtepTable(router), macEntry(router, "10.0.0.3"));
+
+  ovsdb->arpSourcesRemoteDel(router);
+  ovsdb->arpSourcesRemoteRawDel(rowId(60));
+  sm->handleInitialized();
+  for (std::int64_t vni : {5000, 6000}) EXPECT_FALSE(published(vni)->macVtepTable().contains(router));
+  EXPECT_EQ(published(5000)->macVtepTable(hostA), macEntry(hostA, "10.0.0.1"));
+
+  // Asked directly about a MAC without a row, it withdraws the MAC everywhere.
+  sm->handleArpSourcesRemote(hostA);
+  EXPECT_FALSE(published(5000)->macVtepTable().contains(hostA));
+  EXPECT_EQ(published(6000)->macVtepTable(hostB), macEntry(hostB, "10.0.0.2"));
+}
+
+using RemoteHostSmDeathTest = RemoteHostSmTest;
+
+TEST_F(RemoteHostSmDeathTest, breachesOfTheMirrorEndTheProcess) {
+  const Uuid blue = logicalSwitch(1, Vxlan::Vni(5000));
+  mcast(10, blue, unknownDst, locatorSet(50, {vtepA, locator(804, "10.0.0.1")}));
+  EXPECT_DEATH(start(), "Assertion failed: result.second && \"Duplicate Vtep Ip found in flood set.\" \\(");
+  // The multi-path table keeps a set of addresses and takes the same set.
+  status->vtepListTypeIs(VtepListType::multiPath);
+  auto sm = start();
+  EXPECT_EQ(keysOf(published(5000)->macVtepMultiPathTable(unknownDst).vtepIpList()), std::set<IpAddr>{ip4("10.0.0.1")});
+  EXPECT_DEATH(status->vtepListTypeIs(static_cast<VtepListType>(2)), "Assertion failed: 0 && \"Vtep list type\" \\(");
+
+  auto stray = ucast(11, blue, hostA, vtepC);
+  ovsdb->physicalLocatorRawDel(vtepC);
+  EXPECT_DEATH(sm->handleInitialized(), "Assertion failed: physicalLocator \\(");
+  remove(stray);
+
+  // A machine keeps the VNI that it adopted when its key turns duplicate,
+  // finds the VNI's status gone, and stops the agent at its first entry.
+  logicalSwitch(2, Vxlan::Vni(5000));
+  EXPECT_DEATH(sm->handleInitialized(), "Assertion failed: vniStatus \\(");
+}
+
+}  // namespace
+}  // namespace Vgw::Test

@@ -34,7 +34,7 @@ class EventLoopTest : public testing::Test {
   EventLoopTest() { Kiln::System::timeSourceIs(&time); }
   ~EventLoopTest() override { Kiln::System::timeSourceIs(nullptr); }
   Kiln::EventLoop& loop() { return scoped.loop(); }
-  // Runs `n` turns and gives how many timers fired in all so far.
+  // Runs `n` turns and gives how many entries the log has then.
   std::size_t turns(int n) {
     for (int i = 0; i < n; ++i) loop().runOnce(0);
     return log.size();
@@ -55,22 +55,29 @@ TEST_F(EventLoopTest, pastTimeFiresOnTheNextTurnNeverInsideTheCall) {
   EXPECT_EQ(turns(1), 1u);  // fires once
 }
 
-TEST_F(EventLoopTest, timerArmedDuringATurnWaitsForTheNextTurn) {
+TEST_F(EventLoopTest, whatATurnPostsOrArmsWaitsForTheNextTurn) {
   t.notifierIs(loop().clock());
-  // Armed by a posted call, before the turn's timers run.
-  loop().post([&] { t.timeMinIs(Kiln::System::currentTime()); });
-  EXPECT_EQ(turns(1), 0u);
-  EXPECT_EQ(turns(1), 1u);
+  loop().post([&] {
+    log.push_back("a");
+    loop().post([&] { log.push_back("c"); });
+    t.timeMinIs(Kiln::System::currentTime());  // before this turn's timers run
+  });
+  loop().post([&] { log.push_back("b"); });
+  EXPECT_TRUE(log.empty());
+  turns(1);
+  EXPECT_EQ(log, (Seen{"a", "b"}));
+  turns(1);
+  EXPECT_EQ(log, (Seen{"a", "b", "c", "t@1000"}));
   // Armed again by its own callback, while the timers run.
   int rearmed = 0;
   t.then = [&] {
     if (rearmed++ < 2) t.timeMinIs(Kiln::System::currentTime());
   };
   t.timeMinIs(1000);
-  EXPECT_EQ(turns(1), 2u);
-  EXPECT_EQ(turns(1), 3u);
-  EXPECT_EQ(turns(1), 4u);
-  EXPECT_EQ(turns(1), 4u);
+  EXPECT_EQ(turns(1), 5u);
+  EXPECT_EQ(turns(1), 6u);
+  EXPECT_EQ(turns(1), 7u);
+  EXPECT_EQ(turns(1), 7u);
 }
 
 TEST_F(EventLoopTest, simulatedTimeRunsLongTimersInOrderWithoutWaiting) {
@@ -112,18 +119,6 @@ TEST_F(EventLoopTest, timersMoveDisarmArmOnAttachmentAndDieWithTheirReactor) {
   }
   loop().advanceTo(time, 2100);
   EXPECT_EQ(log.size(), 1u);
-}
-
-TEST_F(EventLoopTest, postedCallsRunOnTheNextTurnInOrder) {
-  loop().post([&] {
-    log.push_back("a");
-    loop().post([&] { log.push_back("c"); });
-  });
-  loop().post([&] { log.push_back("b"); });
-  EXPECT_TRUE(log.empty());
-  EXPECT_EQ(turns(1), 2u);
-  EXPECT_EQ(turns(1), 3u);
-  EXPECT_EQ(log, (Seen{"a", "b", "c"}));
 }
 
 // Reads one byte per notification.

@@ -163,6 +163,11 @@ class ControlFixture : public ControlBase {
     server->listen(socketPath);
   }
   Json everything() const { return manager->read(""); }
+  // Whether a new client is answered.
+  bool serves() {
+    TestClient client(socketPath);
+    return client.call({{"op", "get"}, {"path", "fleet/config/enabled"}, {"id", 1}}).value("ok", false);
+  }
   static Json ok(const Json& id, const Json& value) { return {{"id", id}, {"ok", true}, {"value", value}}; }
 
   std::string socketPath = dir + "/run/vgw/ctl.sock";

@@ -1,0 +1,385 @@
+// The agent host and its service layer. The service on its own: declarations
+// refused at the call that makes them, white lists, directories checked all
+// or nothing before any is made, switches followed by the publish mounts, and
+// a mounter that goes before its events. A service agent through its whole
+// start on the event loop, run by the agent host: local mounts, the
+// service-side manager, the service, the service-side mounts and the initial
+// switch mounts after them; the base's hooks on their own; and the host
+// stopping without touching the agent's state.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Hearth/AgentRunner.h"
+#include "Hearth/FleetStoreService.h"
+#include "Kiln/EventLoop.h"
+#include "Kiln/Log.h"
+#include "entities/Fleet.h"
+#include "entities/OverlaySvc.h"
+#include "model/Status.h"
+
+namespace {
+
+using Kiln::Json;
+using Ledger::Mount;
+using Lines = std::vector<std::string>;
+
+const std::string controllerRoot = "interface/status/vxlan/errorStatus/version2/ofc";
+const std::string switches = controllerRoot + "/switch";
+const std::string publishDir = "overlaysvc/version2/input/dynVtepConfig/vgw/switch";
+
+// What happened, and on which turn of the loop.
+struct Journal {
+  int turn = 0;
+  Lines lines;
+  void note(const std::string& what) { lines.push_back(std::to_string(turn) + " " + what); }
+  void note(const std::string& hook, Ledger::MountStatus status) {
+    std::ostringstream text;
+    text << hook << ' ' << status;
+    note(text.str());
+  }
+};
+
+class ServiceMounter final : public Fleet::FleetStoreServiceMounter {
+ public:
+  explicit ServiceMounter(Journal& j) : journal(j) {}
+  void doMountsComplete(Kiln::String group, Kiln::Ptr<Ledger::EntityManager>) override {
+    journal.note("complete " + group.stringValue());
+  }
+  void doInitialSwitchMountsComplete(Kiln::String group, Kiln::Ptr<Ledger::EntityManager>) override {
+    journal.note("initial " + group.stringValue());
+  }
+  void doHandleControllerMountState(Kiln::String, Kiln::String path, Kiln::String name, bool mounted) override {
+    const std::string where = path.stringValue() == switches ? "" : " at " + path.stringValue();
+    journal.note((mounted ? "+" : "-") + name.stringValue() + where);
+  }
+  Journal& journal;
+};
+
+class HearthTest : public testing::Test {
+ protected:
+  HearthTest() {
+    Kiln::System::timeSourceIs(&time);
+    Kiln::logSyslogIs(false);
+    Kiln::logStreamIs(&logged);
+  }
+  ~HearthTest() override {
+    Kiln::logStreamIs(nullptr);
+    Kiln::logSyslogIs(true);
+    Kiln::System::timeSourceIs(nullptr);
+  }
+
+  void turns(int n) {
+    for (int i = 0; i < n; ++i) {
+      ++journal.turn;
+      scoped.loop().runOnce(0);
+    }
+  }
+  template <class Fn>
+  static std::string errorOf(Fn fn) {
+    try {
+      fn();
+    } catch (const Fleet::ServiceError& e) {
+      return e.what();
+    }
+    return "no error";
+  }
+
+  Kiln::SimulatedTimeSource time;  // an idle turn returns at once instead of waiting
+  Kiln::ScopedEventLoop scoped;
+  std::ostringstream logged;
+  Journal journal;
+  ServiceMounter mounter{journal};
+};
+
+class ServiceTest : public HearthTest {
+ protected:
+  ServiceTest() { whiteList->allowedVersionIs(2, true); }
+
+  // A group of `m` that tracks the switches, with a publish mount unless
+  // `prefix` is null.
+  Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> group(ServiceMounter* m, const char* prefix = "") {
+    auto g = service->serviceMountGroupIs("mg1", m);
+    g->versionWhiteListIs(whiteList);
+    g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
+    if (prefix) g->perSwitchPublishMountIs(publishDir, prefix, "OverlaySvc::VtepConfigDirV2");
+    return g;
+  }
+
+  Kiln::Ptr<Ledger::Store> store = Kiln::newPtr<Ledger::Store>();
+  Kiln::Ptr<Ledger::EntityManager> manager = Kiln::newPtr<Ledger::EntityManager>(store);
+  Kiln::Ptr<Ledger::EntityManager> local = Kiln::newPtr<Ledger::EntityManager>(store);
+  Kiln::Ptr<Fleet::FleetStoreService> service = Kiln::newPtr<Fleet::FleetStoreService>("Vgw", manager, local);
+  Kiln::Ptr<Fleet::VersionWhiteListBase> whiteList = service->versionWhiteListIs("v2");
+};
+
+TEST_F(ServiceTest, badDeclarationsAreRefusedWhereTheyAreMade) {
+  auto g = service->serviceMountGroupIs("mg1", &mounter);
+  const std::string at = "service mount group \"mg1\": controller mount ";
+  EXPECT_EQ(errorOf([&] { g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rw"); }),
+            at + switches + ": bad flags \"rw\"; they are 'r' and optionally 'c' (create) and 't' (track), each once");
+  for (const char* flags : {"", "ct", "rr", "rctt"})
+    EXPECT_NE(errorOf([&] { g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", flags); }),
+              "no error")
+        << flags;
+  EXPECT_EQ(errorOf([&] { g->controllerMountIs(controllerRoot, switches, "OverlaySvc::NoSuchThing", "r"); }),
+            at + switches + ": unknown entity type \"OverlaySvc::NoSuchThing\"");
+  EXPECT_EQ(errorOf([&] { g->controllerMountIs(switches, controllerRoot, "OverlaySvc::ErrorStatusV2", "r"); }),
+            at + controllerRoot + ": the switch directory must lie below " + switches);
+  EXPECT_NE(errorOf([&] { g->controllerMountIs("a//b", "a//b/c", "OverlaySvc::ErrorStatusV2", "r"); }).find("a//b"),
+            std::string::npos);
+  EXPECT_EQ(errorOf([&] { g->perSwitchPublishMountIs(publishDir, "", "FleetCluster::ClusterStatus"); }),
+            "service mount group \"mg1\": per-switch publish mount " + publishDir +
+                ": entities of type FleetCluster::ClusterStatus cannot be made by name");
+  EXPECT_TRUE(g->controllerMounts().empty());
+  EXPECT_TRUE(g->publishMounts().empty());
+  ServiceMounter other(journal);
+  EXPECT_NE(errorOf([&] { service->serviceMountGroupIs("mg1", &other); }).find("already belongs to another mounter"),
+            std::string::npos);
+
+  // A group closes only with a white list that admits a version, and for good.
+  EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\" closed without a version white list");
+  g->versionWhiteListIs(service->versionWhiteListIs("none"));
+  EXPECT_EQ(errorOf([&] { g->closedIs(true); }), "service mount group \"mg1\": the white list \"none\" admits no version");
+  EXPECT_FALSE(g->closed());
+  g->versionWhiteListIs(whiteList);
+  g->closedIs(true);
+  EXPECT_EQ(errorOf([&] { g->closedIs(false); }), "service mount group \"mg1\" is closed and cannot be opened again");
+  EXPECT_NE(errorOf([&] { g->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2"); }).find("is closed"),
+            std::string::npos);
+  service->closedIs(true);
+  EXPECT_NE(errorOf([&] { service->serviceMountGroupIs("mg2", &mounter); }).find("is closed"), std::string::npos);
+}
+
+TEST_F(ServiceTest, completionWaitsForBothClosesAndComesOnLaterTurns) {
+  auto g = group(&mounter);
+  service->closedIs(true);
+  turns(2);
+  EXPECT_TRUE(journal.lines.empty());  // the group is still open
+  EXPECT_FALSE(manager->getEntity(publishDir));
+  g->closedIs(true);
+  EXPECT_TRUE(manager->getEntity(publishDir));  // the directories come with the close
+  EXPECT_TRUE(journal.lines.empty());           // the events do not
+  turns(1);
+  EXPECT_TRUE(g->mountsComplete());
+  EXPECT_FALSE(g->initialSwitchMountsComplete());
+  turns(4);
+  EXPECT_EQ(journal.lines, (Lines{"3 complete mg1", "4 initial mg1"}));
+}
+
+TEST_F(ServiceTest, directoriesAreCheckedAllBeforeAnyIsMade) {
+  // Something that is not a directory on the way to the switch directory.
+  manager->loadDocument(Json::parse(R"({"interface/status": {"@type": "FleetStore::Config"}})"));
+  group(&mounter)->closedIs(true);
+  const Json before = manager->read("");
+  EXPECT_EQ(errorOf([&] { service->closedIs(true); }),
+            "service mount group \"mg1\": interface/status is a FleetStore::Config, not a directory");
+  EXPECT_EQ(manager->read(""), before);  // the publish directory was not made either
+  EXPECT_FALSE(service->closed());
+  turns(2);
+  EXPECT_TRUE(journal.lines.empty());
+
+  manager->remove("interface/status", Ledger::Writer::external);
+  manager->loadDocument(Json::parse(R"({"overlaysvc/version2/input/dynVtepConfig/vgw/switch": {"@type": "Kiln::Dir"}})"));
+  manager->getEntity<Kiln::Dir>(publishDir)->entryTypeIs(&FleetStore::Config::typeInfo_);
+  EXPECT_EQ(errorOf([&] { service->closedIs(true); }),
+            "service mount group \"mg1\": " + publishDir +
+                " is a directory of FleetStore::Config, not of OverlaySvc::VtepConfigDirV2");
+
+  // Without 'c' the switch directory must be there already.
+  auto strict = Kiln::newPtr<Fleet::FleetStoreService>("Strict", manager, local);
+  auto s = strict->serviceMountGroupIs("mg", &mounter);
+  s->versionWhiteListIs(whiteList);
+  s->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rt");
+  strict->closedIs(true);
+  EXPECT_EQ(errorOf([&] { s->closedIs(true); }),
+            "service mount group \"mg\": " + switches + " does not exist, and the mount may not create it");
+}
+
+TEST_F(ServiceTest, publishEntriesFollowTheSwitches) {
+  manager->loadDocument(Json::parse(R"({
+    "interface/status/vxlan/errorStatus/version2/ofc/switch/s1": {"@type": "OverlaySvc::ErrorStatusV2"},
+    "interface/status/vxlan/errorStatus/version2/ofc/switch/s2": {"@type": "OverlaySvc::ErrorStatusV2"},
+    "overlaysvc/version2/input/plain/s2": {"@type": "FleetStore::Config"}
+  })"));
+  auto g = group(&mounter, "cfg-");
+  g->perSwitchPublishMountIs("overlaysvc/version2/input/plain", "", "OverlaySvc::VtepConfigDirV2");
+  g->closedIs(true);
+  service->closedIs(true);
+  turns(2);
+  auto published = manager->getEntity<Kiln::Dir>(publishDir);
+  auto plain = manager->getEntity<Kiln::Dir>("overlaysvc/version2/input/plain");
+  EXPECT_EQ(published->entryType(), &OverlaySvc::VtepConfigDirV2::typeInfo_);
+  EXPECT_TRUE(published->entityPtr<OverlaySvc::VtepConfigDirV2>("cfg-s1"));
+  EXPECT_TRUE(published->entityPtr<OverlaySvc::VtepConfigDirV2>("cfg-s2"));
+  EXPECT_TRUE(plain->entityPtr<OverlaySvc::VtepConfigDirV2>("s1"));
+  // A foreign entry in a switch's place is left alone, and said so.
+  EXPECT_TRUE(plain->entityPtr<FleetStore::Config>("s2"));
+  EXPECT_NE(logged.str().find("KXT_FLEET_PUBLISH_BLOCKED"), std::string::npos);
+  EXPECT_NE(logged.str().find("Service Vgw cannot publish overlaysvc/version2/input/plain/s2 for switch s2: an entry "
+                              "of type FleetStore::Config stands there"),
+            std::string::npos)
+      << logged.str();
+
+  manager->getEntity<Kiln::Dir>(switches)->deleteEntity("s2");
+  EXPECT_FALSE(published->entityPtr("cfg-s2"));
+  EXPECT_TRUE(plain->entityPtr<FleetStore::Config>("s2"));
+  // An entry replaced in place is still the same switch.
+  manager->write(switches + "/s1", Json::parse(R"({"genericError": {"x": "y"}})"), Ledger::Writer::external);
+  EXPECT_EQ(journal.lines, (Lines{"1 complete mg1", "2 +s1", "2 +s2", "2 initial mg1", "2 -s2"}));
+}
+
+TEST_F(ServiceTest, aMounterThatIsGoneHearsNothing) {
+  auto gone = std::make_unique<ServiceMounter>(journal);
+  auto g = group(gone.get(), nullptr);
+  g->closedIs(true);
+  service->closedIs(true);
+  gone.reset();
+  turns(2);
+  EXPECT_TRUE(g->initialSwitchMountsComplete());
+  manager->getEntity<Kiln::Dir>(switches)->createEntity<OverlaySvc::ErrorStatusV2>("s1");
+  EXPECT_EQ(g->switches().size(), 1u);
+  EXPECT_TRUE(journal.lines.empty());
+}
+
+void mountAll(Ledger::EntityManager& manager, Ledger::Mounter* m, const std::vector<Mount>& mounts) {
+  auto group = manager.getMountGroup(m);
+  for (const Mount& each : mounts) group->doMount(each);
+  group->doClose(false, "", 0.0);
+}
+
+// An agent that mounts and publishes as the gateway agent does.
+class Agent final : public Hearth::ServiceAgent {
+ public:
+  Agent(Kiln::Ptr<Ledger::EntityManager> local, Kiln::Name name, Journal& journal)
+      : ServiceAgent(std::move(local), std::move(name)), mounter(journal) {}
+
+  void doInit() override {
+    mounter.journal.note("doInit");
+    mountAll(*localEntityManager(), this, {Mount("vgw/status", "Vgw::Status", "wi")});
+  }
+  void doMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
+    mounter.journal.note("doMountsComplete", status);
+    status_ = manager->getEntity<Vgw::Status>("vgw/status");
+    ServiceAgent::doInit();
+  }
+  void doServiceAgentInit() override {
+    mounter.journal.note("doServiceAgentInit");
+    auto service = fleetStoreServiceIs("Vgw", serviceEntityManager(), localEntityManager());
+    auto whiteList = service->versionWhiteListIs("v2");
+    whiteList->allowedVersionIs(2, true);
+    auto group = service->serviceMountGroupIs("mg1", &mounter);
+    group->versionWhiteListIs(whiteList);
+    group->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
+    group->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2");
+    group->closedIs(true);
+    service->closedIs(true);
+    doControllerMounts();
+  }
+  void doControllerMounts() override {
+    mounter.journal.note("doControllerMounts");
+    mountAll(*serviceEntityManager(), controllerMounter(),
+             {Mount("overlaysvc/version2/errorStatus", "OverlaySvc::ErrorStatusV2", "r")});
+  }
+  void doControllerMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
+    mounter.journal.note("doControllerMountsComplete", status);
+    if (manager != serviceEntityManager() || !manager->getEntity("overlaysvc/version2/errorStatus"))
+      mounter.journal.note("not the service manager's mounts");
+  }
+
+  Kiln::Ptr<Vgw::Status> status_;
+  ServiceMounter mounter;
+};
+
+class ServiceAgentTest : public HearthTest {
+ protected:
+  Kiln::Ptr<Agent> start() {
+    runner.agentIs([this](Kiln::String name) -> Kiln::Ptr<Hearth::ServiceAgent> {
+      return Kiln::newPtr<Agent>(Hearth::localEntityManager(), std::move(name), journal);
+    });
+    return Kiln::staticPtrCast<Agent>(runner.agent());
+  }
+  Hearth::AgentRunner runner{"Vgw"};
+};
+
+TEST_F(ServiceAgentTest, theWholeStartRunsInOrderOnLaterTurns) {
+  // A switch that reported before the agent came, and its configuration
+  // published by the agent's previous life.
+  runner.localEntityManager()->loadDocument(Json::parse(R"({
+    "interface/status/vxlan/errorStatus/version2/ofc/switch/00:1c:73:00:00:01": {"@type": "OverlaySvc::ErrorStatusV2"},
+    "overlaysvc/version2/input/dynVtepConfig/vgw/switch/00:1c:73:00:00:01":
+        {"@type": "OverlaySvc::VtepConfigDirV2", "vtepConfig": {"Vxlan1": {}}}
+  })"));
+  auto agent = start();
+  turns(5);
+  EXPECT_EQ(journal.lines, (Lines{"0 doInit", "1 doMountsComplete mountSuccess", "2 doServiceAgentInit",
+                                  "2 doControllerMounts", "3 complete mg1", "3 doControllerMountsComplete mountSuccess",
+                                  "4 +00:1c:73:00:00:01", "4 initial mg1"}));
+  EXPECT_EQ(agent->name(), "Vgw");
+  ASSERT_TRUE(agent->status_);
+  EXPECT_EQ(agent->serviceEntityManager()->store(), runner.store());
+  EXPECT_NE(agent->serviceEntityManager(), runner.localEntityManager());
+  // What the agent's previous life published is kept.
+  EXPECT_TRUE(runner.localEntityManager()
+                  ->getEntity<OverlaySvc::VtepConfigDirV2>(publishDir + "/00:1c:73:00:00:01")
+                  ->vtepConfig("Vxlan1"));
+  // The service is the agent's one service.
+  EXPECT_THROW(agent->fleetStoreServiceIs("Other", agent->serviceEntityManager(), runner.localEntityManager()),
+               Fleet::ServiceError);
+}
+
+TEST_F(ServiceAgentTest, theBaseHooksCarryAnAgentThatOverridesNothing) {
+  struct Bare final : Hearth::ServiceAgent {
+    Bare(Kiln::Ptr<Ledger::EntityManager> local, Journal& j) : ServiceAgent(std::move(local), "Bare"), journal(j) {}
+    void doControllerMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
+      journal.note(manager == serviceEntityManager() ? "service manager" : "other manager", status);
+    }
+    Journal& journal;
+  };
+  runner.agentIs([this](Kiln::String) { return Kiln::newPtr<Bare>(runner.localEntityManager(), journal); });
+  EXPECT_TRUE(runner.agent()->serviceEntityManager());
+  turns(3);
+  EXPECT_EQ(journal.lines, Lines{"2 service manager mountSuccess"});
+}
+
+TEST_F(ServiceAgentTest, aStopSignalEndsTheLoopAndLeavesTheAgentsState) {
+  auto agent = start();
+  turns(5);
+  agent->status_->runningIs(true);
+  const Json before = runner.localEntityManager()->read("");
+  runner.stopOnSignals();
+  ASSERT_EQ(raise(SIGTERM), 0);  // blocked: it waits for the signalfd
+  EXPECT_FALSE(runner.stopped());
+  turns(1);
+  EXPECT_TRUE(runner.stopped());
+  EXPECT_EQ(runner.stopSignal(), SIGTERM);
+  runner.run();  // returns at once
+  EXPECT_NE(logged.str().find("KXT_AGENT_STOP_REQUESTED"), std::string::npos);
+  EXPECT_NE(logged.str().find("Agent Vgw stopping on SIGTERM"), std::string::npos) << logged.str();
+  EXPECT_EQ(runner.localEntityManager()->read(""), before);
+}
+
+TEST_F(ServiceAgentTest, aStopWithoutSignalAndTheSignalMaskRestoredWithTheRunner) {
+  {
+    Hearth::AgentRunner inner("Inner");
+    EXPECT_EQ(Hearth::localEntityManager(), inner.localEntityManager());
+    scoped.loop().post([&] { inner.stop(); });
+    inner.run();
+    EXPECT_EQ(inner.stopSignal(), 0);
+    inner.stopOnSignals();
+    sigset_t blocked;
+    sigprocmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_TRUE(sigismember(&blocked, SIGINT));
+  }
+  sigset_t blocked;
+  sigprocmask(SIG_BLOCK, nullptr, &blocked);
+  EXPECT_FALSE(sigismember(&blocked, SIGINT));
+  EXPECT_FALSE(sigismember(&blocked, SIGTERM));
+  EXPECT_EQ(Hearth::localEntityManager(), runner.localEntityManager());
+}
+
+}  // namespace

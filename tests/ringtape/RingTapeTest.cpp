@@ -1,0 +1,495 @@
+// The trace facility: which traces go where (level specifications and the
+// variables that give them), the stream line, evaluation only when a trace
+// goes somewhere, the block timer on simulated time; and the ring file: its
+// records read back in order, full regions, cuts, damage, the tape's name,
+// earlier tapes, the link and old tapes cleared, and the dump tool.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Kiln/String.h"
+#include "Kiln/System.h"
+#include "RingTape/Levels.h"
+#include "RingTape/RingTape.h"
+#include "RingTape/TapeFiles.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using RingTape::LevelSpec;
+using Lines = std::vector<std::string>;
+
+RINGTAPE_HANDLE("VgwTraceTest");
+
+inline constexpr RingTape::LevelSizes agentSizes{32, 32, 32, 32, 32, 512, 512, 512, 128, 128};
+
+// Every test starts from a clean environment, with its own ring directory and
+// a captured trace stream.
+class RingTapeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* variable : {"VGW_TRACE", "VGW_RINGTAPE_LEVELS", "RINGTAPE_DISABLE"}) {
+      unsetenv(variable);
+    }
+    char dirTemplate[] = "/tmp/ringtape-test-XXXXXX";
+    ASSERT_NE(mkdtemp(dirTemplate), nullptr);
+    dir = dirTemplate;
+    setenv("RINGTAPEDIR", dir.c_str(), 1);
+    RingTape::streamIs(&captured);
+    RingTape::reloadLevels();
+  }
+
+  void TearDown() override {
+    RingTape::close();
+    RingTape::streamIs(nullptr);
+    Kiln::System::timeSourceIs(nullptr);
+    std::filesystem::remove_all(dir);
+  }
+
+  static bool openRing(const char* name = "Test-%d.tape",
+                       const RingTape::LevelSizes& sizes = agentSizes,
+                       std::uint32_t maxMessageBytes = 512, bool keepPrevious = false,
+                       const char* linkName = nullptr, int keepOldTapes = 0,
+                       int maxAgeHours = 24) {
+    return RingTape::initialize(name, sizes, linkName, keepOldTapes, maxAgeHours,
+                                RingTape::ThreadingMode::singleThreaded, keepPrevious,
+                                maxMessageBytes);
+  }
+
+  static std::vector<RingTape::Record> readBack(const std::string& path = RingTape::ringPath()) {
+    std::string error;
+    auto contents = RingTape::readRingFile(path, &error);
+    EXPECT_TRUE(contents) << error;
+    return contents ? contents->records : std::vector<RingTape::Record>{};
+  }
+  static Lines messagesOf(const std::vector<RingTape::Record>& records) {
+    Lines messages;
+    for (const auto& record : records) messages.push_back(record.message);
+    return messages;
+  }
+
+  Lines streamed() const {
+    Lines lines;
+    std::istringstream in(captured.str());
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+  static void levelsAre(const char* stream, const char* ring) {
+    setenv("VGW_TRACE", stream, 1);
+    setenv("VGW_RINGTAPE_LEVELS", ring, 1);
+    RingTape::reloadLevels();
+  }
+
+  std::string dir;
+  std::ostringstream captured;
+};
+
+TEST(Levels, FirstMatchingEntryDecidesItemsCombineAndMalformedTextNamesTheFault) {
+  const char* first = "VgwRemoteHost/0-6,VgwRoot/*,Vgw*/0";
+  const char* items = " A / 0+5-6 + 9 , B/none , C , Ns:x.y-z_1/3, * / 2 ";
+  const std::tuple<const char*, const char*, RingTape::LevelMask> cases[] = {
+      {first, "VgwRemoteHost", 0x7f}, {first, "VgwRoot", RingTape::allLevels}, {first, "VgwRoo", 0x1},
+      {first, "Vgw", 0x1},  {first, "Ledger", 0}, {items, "A", 0x1 | 0x60 | 0x200}, {items, "B", 0},
+      {items, "C", RingTape::allLevels}, {items, "Ns:x.y-z_1", 0x8}, {items, "Other", 0x4}, {"  ", "A", 0},
+  };
+  for (const auto& [text, handle, levels] : cases) {
+    std::string error;
+    const auto spec = LevelSpec::parse(text, &error);
+    ASSERT_TRUE(spec) << text << ": " << error;
+    EXPECT_EQ(spec->levelsFor(handle), levels) << text << " for " << handle;
+  }
+
+  const std::pair<const char*, const char*> malformed[] = {
+      {"VgwRoot/12", "level \"12\" is not a digit"}, {"VgwRoot/6-3", "runs backwards"},
+      {"VgwRoot/", "level \"\" is not a digit"},     {"VgwRoot/1+", "level \"\" is not a digit"},
+      {"VgwRoot/a-b", "level \"a-b\""},             {"VgwRoot/1-2-3", "level \"1-2-3\""},
+      {"A/1,,B/2", "empty entry"},                   {"A/1,", "empty entry"},
+      {"/3", "has no handle name"},                  {"Vg*x/1", "handle pattern \"Vg*x\""},
+      {"Vgw Root/1", "handle pattern \"Vgw Root\""}, {"**/1", "handle pattern \"**\""},
+  };
+  for (const auto& [text, fault] : malformed) {
+    std::string error;
+    EXPECT_FALSE(LevelSpec::parse(text, &error)) << text;
+    EXPECT_NE(error.find(fault), std::string::npos) << text << " gave: " << error;
+  }
+}
+
+using Trace = RingTapeTest;
+
+int evaluations = 0;
+int counted() { return ++evaluations; }
+
+TEST_F(Trace, VariablesSelectLevelsPerHandleAndAMalformedOneWarnsAndKeepsTheDefault) {
+  EXPECT_EQ(ringTapeHandle_.streamLevels(), 0);
+  EXPECT_EQ(ringTapeHandle_.ringLevels(), 0x7f);
+  levelsAre("VgwTraceTest/5-6", "Other/*,VgwTrace*/0+9");
+  EXPECT_EQ(ringTapeHandle_.streamLevels(), 0x60);
+  EXPECT_EQ(ringTapeHandle_.ringLevels(), 0x201);
+  // A handle built later gets the levels in force.
+  RingTape::Handle late("Other");
+  EXPECT_EQ(late.streamLevels(), 0);
+  EXPECT_EQ(late.ringLevels(), RingTape::allLevels);
+  EXPECT_TRUE(captured.str().empty());
+
+  levelsAre("VgwTraceTest/0-12", "VgwTraceTest/x");
+  EXPECT_EQ(ringTapeHandle_.streamLevels(), 0);
+  EXPECT_EQ(ringTapeHandle_.ringLevels(), 0x7f);
+  const std::string fault = "is not a digit 0-9, a range such as 0-6, '*' or 'none'; using ";
+  EXPECT_EQ(streamed(), (Lines{"ringtape: ignoring VGW_TRACE=\"VgwTraceTest/0-12\": entry \"VgwTraceTest/0-12\": "
+                               "level \"0-12\" " + fault + "no levels",
+                               "ringtape: ignoring VGW_RINGTAPE_LEVELS=\"VgwTraceTest/x\": entry \"VgwTraceTest/x\": "
+                               "level \"x\" " + fault + "\"*/0-6\""}));
+}
+
+TEST_F(Trace, StreamIsEvaluatedOnlyForAnEnabledOpenTape) {
+  levelsAre("VgwTraceTest/5", "VgwTraceTest/5-6");
+  evaluations = 0;
+  VGW_TRACE(6, "value " << counted());  // ring selected, but not open yet
+  VGW_TRACE(7, "value " << counted());
+  VGW_TRACE_RING(5, "value " << counted());
+  EXPECT_FALSE(VGW_TRACE_ENABLED(6));
+  EXPECT_EQ(evaluations, 0);
+  VGW_TRACE(5, "value " << counted());
+  EXPECT_EQ(evaluations, 1);
+
+  ASSERT_TRUE(openRing());
+  EXPECT_TRUE(VGW_TRACE_ENABLED(6));
+  VGW_TRACE(6, "value " << counted());
+  VGW_TRACE(5, "value " << counted());  // two tapes, one evaluation
+  VGW_TRACE(7, "value " << counted());
+  VGW_TRACE_RING(5, "ring only");
+  EXPECT_EQ(evaluations, 3);
+  EXPECT_EQ(messagesOf(readBack()), (Lines{"value 2", "value 3", "ring only"}));
+  const Lines lines = streamed();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_TRUE(lines[0].ends_with(" value 1"));
+  EXPECT_TRUE(lines[1].ends_with(" value 3"));
+
+  // Closing the ring stops ring writes.
+  const std::string path = RingTape::ringPath();
+  RingTape::close();
+  EXPECT_FALSE(RingTape::isOpen());
+  EXPECT_FALSE(VGW_TRACE_ENABLED(6));
+  VGW_TRACE(6, "lost " << counted());
+  EXPECT_EQ(evaluations, 3);
+  EXPECT_EQ(readBack(path).size(), 3u);
+}
+
+TEST_F(Trace, StreamLineCarriesHandleLevelAndPlaceAndKeepsWordsAsGiven) {
+  levelsAre("VgwTraceTest/*", "");
+  const int line = __LINE__ + 1;
+  VGW_TRACE(6, " Add ErrorStatusSm for " << Kiln::String("sw1"));
+  VGW_TRACE(0, "can't create tapeLockFilePath. check log file permission\n");
+  VGW_TRACE(9, "pair " << std::pair<int, int>(4, 2).first);
+  const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)";
+  const std::string place = " RingTapeTest.cpp:";
+  EXPECT_TRUE(std::regex_match(
+      captured.str(),
+      std::regex(time + " VgwTraceTest 6" + place + std::to_string(line) + "  Add ErrorStatusSm for sw1\n" + time +
+                 " VgwTraceTest 0" + place + std::to_string(line + 1) +
+                 " can't create tapeLockFilePath. check log file permission\n" + time + " VgwTraceTest 9" + place +
+                 std::to_string(line + 2) + " pair 4\n")))
+      << captured.str();
+}
+
+std::string describedWithTrace(int value) {
+  VGW_TRACE(7, "describing " << value);
+  return "described " + std::to_string(value);
+}
+
+TEST_F(Trace, TraceInsideATraceAndFormattingDoNotLeak) {
+  levelsAre("VgwTraceTest/6-7", "");
+  VGW_TRACE(6, std::hex << 255 << " " << describedWithTrace(10) << " " << 16);
+  VGW_TRACE(6, 255 << " " << 1.0 / 3);
+  const Lines lines = streamed();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_TRUE(lines[0].ends_with(" describing 10")) << lines[0];
+  EXPECT_TRUE(lines[1].ends_with(" ff described 10 10")) << lines[1];
+  EXPECT_TRUE(lines[2].ends_with(" 255 0.333333")) << lines[2];
+}
+
+TEST_F(Trace, BlockTimerTracesElapsedTimeAtScopeEnd) {
+  Kiln::SimulatedTimeSource clock;
+  Kiln::System::timeSourceIs(&clock);
+  levelsAre("VgwTraceTest/5", "");
+  {
+    VGW_TRACE_BLOCK_TIME(5, "handleRefresh");
+    clock.advance(0.0125);
+    EXPECT_TRUE(captured.str().empty());
+  }
+  {
+    VGW_TRACE_BLOCK_TIME(6, "handleQuiet");
+    clock.advance(1.0);
+  }
+  EXPECT_EQ(captured.str().substr(captured.str().find(" handleRefresh")), " handleRefresh took 12.500 ms\n");
+}
+
+class RingFile : public RingTapeTest {
+ protected:
+  void SetUp() override {
+    RingTapeTest::SetUp();
+    levelsAre("", "*");
+  }
+  std::string pathOf(const std::string& name) const { return dir + "/" + name; }
+  std::string ownName() const { return "Test-" + std::to_string(getpid()) + ".tape"; }
+};
+
+void touch(const std::string& path, int hoursAgo) {
+  std::ofstream(path) << "x";
+  const auto when = fs::file_time_type::clock::now() - std::chrono::hours(hoursAgo);
+  fs::last_write_time(path, when);
+}
+
+TEST_F(RingFile, RecordsComeBackInWritingOrderAcrossLevels) {
+  Kiln::SimulatedTimeSource clock(500.0);
+  Kiln::System::timeSourceIs(&clock);
+  ASSERT_TRUE(openRing());
+  EXPECT_EQ(RingTape::ringPath(), pathOf(ownName()));
+  const int line = __LINE__ + 1;
+  VGW_TRACE(5, "handleEnable");
+  VGW_TRACE(0, "hard error " << 7);
+  clock.advance(0.25);
+  VGW_TRACE(6, "Session State: " << "stateConnected");
+
+  std::string error;
+  const auto contents = RingTape::readRingFile(RingTape::ringPath(), &error);
+  ASSERT_TRUE(contents) << error;
+  EXPECT_EQ(contents->pid, getpid());
+  const auto& records = contents->records;
+  EXPECT_EQ(messagesOf(records), (Lines{"handleEnable", "hard error 7", "Session State: stateConnected"}));
+  ASSERT_EQ(records.size(), 3u);
+  const int levels[] = {5, 0, 6};
+  const int lines[] = {line, line + 1, line + 3};
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ(records[i].level, levels[i]);
+    EXPECT_EQ(records[i].line, lines[i]);
+    EXPECT_EQ(records[i].handle, "VgwTraceTest");
+    EXPECT_EQ(records[i].file, "RingTapeTest.cpp");
+    EXPECT_FALSE(records[i].truncated);
+  }
+  EXPECT_EQ(records[1].time, 500.0);
+  EXPECT_EQ(records[2].time, 500.25);
+  EXPECT_DOUBLE_EQ(contents->wallTime(500.25) - contents->wallTime(500.0), 0.25);
+}
+
+TEST_F(RingFile, FullRegionKeepsTheNewestRecordsAndSparesOtherLevels) {
+  RingTape::LevelSizes sizes{};
+  sizes[0] = 4;
+  sizes[6] = 4;
+  ASSERT_TRUE(openRing("Test-%d.tape", sizes));
+  VGW_TRACE(0, "the one hard error");
+  for (int i = 0; i < 1000; ++i) VGW_TRACE(6, "event " << i << std::string(i % 90, '.'));
+  VGW_TRACE(5, "level without a region");
+
+  const auto records = readBack();
+  ASSERT_GT(records.size(), 20u);
+  EXPECT_EQ(records[0].message, "the one hard error");
+  // The survivors of level 6 are exactly the last ones written, in order.
+  const std::size_t survivors = records.size() - 1;
+  for (std::size_t i = 0; i < survivors; ++i) {
+    const int expected = 1000 - static_cast<int>(survivors) + static_cast<int>(i);
+    EXPECT_EQ(records[i + 1].message,
+              "event " + std::to_string(expected) + std::string(expected % 90, '.'));
+  }
+}
+
+TEST_F(RingFile, LongMessageIsCutAtACharacterAndMarked) {
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 8));
+  VGW_TRACE(6, "abcdefg\xc3\xa9xyz");  // the 'é' would straddle the cut
+  VGW_TRACE(6, "12345678");
+  const auto records = readBack();
+  EXPECT_EQ(messagesOf(records), (Lines{"abcdefg", "12345678"}));
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_TRUE(records[0].truncated);
+  EXPECT_FALSE(records[1].truncated);
+}
+
+TEST_F(RingFile, ReaderSkipsADamagedRecordAndRefusesWhatIsNotARingFile) {
+  ASSERT_TRUE(openRing());
+  VGW_TRACE(0, "first");
+  VGW_TRACE(0, "second");
+  VGW_TRACE(0, "third");
+  const std::string path = RingTape::ringPath();
+  RingTape::close();
+  {
+    // Each record takes two 64-byte slots; level 0's region follows the
+    // 4096-byte header. Byte 50 of a record is in its handle name.
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(4096 + 2 * 64 + 50);
+    file.put('#');
+  }
+  EXPECT_EQ(messagesOf(readBack(path)), (Lines{"first", "third"}));
+
+  std::string error;
+  fs::resize_file(path, 4096 + 1024);
+  EXPECT_FALSE(RingTape::readRingFile(path, &error));
+  EXPECT_NE(error.find("lies outside the file"), std::string::npos) << error;
+  std::ofstream(pathOf("short")) << "RINGTAPE";
+  EXPECT_FALSE(RingTape::readRingFile(pathOf("short"), &error));
+  EXPECT_NE(error.find("is too short"), std::string::npos) << error;
+  EXPECT_FALSE(RingTape::readRingFile(pathOf("absent"), &error));
+  EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
+}
+
+TEST_F(RingFile, NameAndDirectoryComeFromTemplateAndEnvironment) {
+  setenv("RINGTAPEDIR", "", 1);
+  EXPECT_EQ(RingTape::tapeDirectory(), "/tmp");
+  unsetenv("RINGTAPEDIR");
+  EXPECT_EQ(RingTape::tapeDirectory(), "/tmp");
+  EXPECT_EQ(RingTape::expandTapeName("Vgw-%d.tape", 42), "Vgw-42.tape");
+  EXPECT_EQ(RingTape::expandTapeName("a%db%d%", 7), "a7b7%");
+  EXPECT_EQ(RingTape::expandTapeName("Vgw.tape", 7), "Vgw.tape");
+}
+
+TEST_F(RingFile, DisabledOrInvalidRingStaysClosed) {
+  setenv("RINGTAPE_DISABLE", "", 1);
+  EXPECT_FALSE(openRing());
+  EXPECT_TRUE(fs::is_empty(dir));
+  EXPECT_TRUE(captured.str().empty());
+  unsetenv("RINGTAPE_DISABLE");
+
+  RingTape::LevelSizes tooSmall = agentSizes;
+  tooSmall[3] = 2;
+  EXPECT_FALSE(openRing("Test-%d.tape", tooSmall));
+  EXPECT_FALSE(openRing("Test-%d.tape", agentSizes, 0));
+  EXPECT_FALSE(openRing("sub/Test.tape"));
+  EXPECT_FALSE(openRing(nullptr));
+  setenv("RINGTAPEDIR", (dir + "/missing").c_str(), 1);
+  EXPECT_FALSE(openRing());
+  EXPECT_FALSE(RingTape::isOpen());
+  EXPECT_FALSE(VGW_TRACE_ENABLED(6));
+  VGW_TRACE(6, "goes nowhere");
+
+  const std::string warnings = captured.str();
+  for (const std::string& fault : Lines{
+           "level 3 size 2 KiB is outside 4 to 65536 KiB", "must be 1 to 4096 bytes, not 0",
+           "\"sub/Test.tape\" must be a plain", "cannot create " + dir + "/missing/"}) {
+    EXPECT_NE(warnings.find(fault), std::string::npos) << fault << " in:\n" << warnings;
+  }
+  EXPECT_EQ(std::count(warnings.begin(), warnings.end(), '\n'), 5);
+}
+
+TEST_F(RingFile, EarlierTapeIsReplacedOrSetAsideAndTheLinkPointsAtTheNewest) {
+  ASSERT_TRUE(openRing("Fixed.tape"));
+  VGW_TRACE(6, "crashed run");
+  ASSERT_TRUE(openRing("Fixed.tape"));
+  VGW_TRACE(6, "clean run");
+  EXPECT_EQ(readBack().size(), 1u);
+  EXPECT_FALSE(fs::exists(pathOf("Fixed.tape.prev")));
+  ASSERT_TRUE(openRing("Fixed.tape", agentSizes, 512, true));
+  VGW_TRACE(6, "next run");
+  EXPECT_EQ(messagesOf(readBack(pathOf("Fixed.tape.prev"))), Lines{"clean run"});
+  EXPECT_EQ(messagesOf(readBack()), Lines{"next run"});
+
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, "Test-current.tape"));
+  EXPECT_EQ(fs::read_symlink(pathOf("Test-current.tape")), ownName());
+  ASSERT_TRUE(openRing("Other.tape", agentSizes, 512, false, "Test-current.tape"));
+  EXPECT_EQ(fs::read_symlink(pathOf("Test-current.tape")), "Other.tape");
+  std::ofstream(pathOf("plain")) << "keep me";
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, "plain"));
+  EXPECT_FALSE(fs::is_symlink(pathOf("plain")));
+  EXPECT_NE(captured.str().find("plain exists and is not a symbolic link"), std::string::npos);
+}
+
+TEST_F(RingFile, OldTapesOfTheFamilyAreCleared) {
+  const std::string dead = "Test-2147480000.tape";  // beyond any pid_max
+  const std::string running = "Test-" + std::to_string(getppid()) + ".tape";
+  touch(pathOf(dead), 48);
+  touch(pathOf(dead + ".prev"), 30);
+  touch(pathOf(running), 48);
+  touch(pathOf("Test-2147480001.tape"), 2);
+  touch(pathOf("Test-x.tape"), 48);
+  touch(pathOf("Other-2147480000.tape"), 48);
+  ASSERT_TRUE(openRing());
+  EXPECT_FALSE(fs::exists(pathOf(dead)));
+  EXPECT_FALSE(fs::exists(pathOf(dead + ".prev")));
+  for (const std::string& kept : {running, std::string("Test-2147480001.tape"),
+                                  std::string("Test-x.tape"),
+                                  std::string("Other-2147480000.tape"), ownName()}) {
+    EXPECT_TRUE(fs::exists(pathOf(kept))) << kept;
+  }
+
+  // keepOldTapes spares the newest of the old ones; a negative age spares all.
+  touch(pathOf("Test-2147480002.tape"), 30);
+  touch(pathOf("Test-2147480003.tape"), 40);
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, nullptr, 2, -1));
+  EXPECT_TRUE(fs::exists(pathOf("Test-2147480003.tape")));
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, nullptr, 2, 24));
+  EXPECT_TRUE(fs::exists(pathOf("Test-2147480001.tape")));
+  EXPECT_TRUE(fs::exists(pathOf("Test-2147480002.tape")));
+  EXPECT_FALSE(fs::exists(pathOf("Test-2147480003.tape")));
+}
+
+TEST_F(RingFile, AssertionTextIsKeptAtLevelZero) {
+  RingTape::recordAssertion("no ring yet", __FILE__, 1);
+  ASSERT_TRUE(openRing());
+  RingTape::recordAssertion("mountStatus == Ledger::mountSuccess_", "/src/Vgw/VgwAgent.cpp", 42);
+  const auto records = readBack();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].level, 0);
+  EXPECT_EQ(records[0].handle, "Assert");
+  EXPECT_EQ(records[0].file, "VgwAgent.cpp");
+  EXPECT_EQ(records[0].line, 42);
+  EXPECT_EQ(records[0].message, "mountStatus == Ledger::mountSuccess_");
+}
+
+#ifdef RINGTAPE_DUMP_PATH
+struct ToolRun {
+  int status;
+  std::string output;
+};
+
+ToolRun runDump(const std::string& arguments) {
+  const std::string command = std::string(RINGTAPE_DUMP_PATH) + " " + arguments + " 2>&1";
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  ToolRun run{-1, {}};
+  char buffer[4096];
+  while (std::size_t n = fread(buffer, 1, sizeof buffer, pipe.get())) run.output.append(buffer, n);
+  run.status = WEXITSTATUS(pclose(pipe.release()));
+  return run;
+}
+
+TEST_F(RingFile, DumpToolPrintsRecordsOldestFirstAndRefusesBadInput) {
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 16));
+  const int line = __LINE__ + 1;
+  VGW_TRACE(6, " Del ErrorStatusSm for sw1");
+  VGW_TRACE(0, "hard error");
+  const std::string path = RingTape::ringPath();
+  RingTape::close();
+
+  const ToolRun run = runDump(path);
+  EXPECT_EQ(run.status, 0);
+  const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)";
+  EXPECT_TRUE(std::regex_match(
+      run.output,
+      std::regex("# " + path + ": process " + std::to_string(getpid()) + ", created " + time +
+                 ", 2 records\n" + time + " VgwTraceTest 6 RingTapeTest.cpp:" +
+                 std::to_string(line) + "  Del ErrorStatus \\[truncated\\]\n" + time +
+                 " VgwTraceTest 0 RingTapeTest.cpp:" + std::to_string(line + 1) +
+                 " hard error\n")))
+      << run.output;
+
+  std::ofstream(pathOf("text")) << std::string(5000, 'x');
+  const ToolRun bad = runDump(pathOf("text"));
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.output, "ringtape-dump: " + pathOf("text") + " is not a ring file\n");
+  const ToolRun usage = runDump("");
+  EXPECT_EQ(usage.status, 2);
+  EXPECT_TRUE(usage.output.starts_with("usage: ringtape-dump FILE\n"));
+}
+#endif
+
+}  // namespace

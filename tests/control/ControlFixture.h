@@ -59,16 +59,9 @@ class TestClient {
 
   bool connected() const { return connected_; }
 
-  // Writes all of `bytes`, turning the loop while the socket is full.
+  // Writes all of `bytes` at once: what the tests send fits the socket's buffer.
   bool write(std::string_view bytes) {
-    return runUntil([&] {
-      while (!bytes.empty()) {
-        const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n < 0) return errno != EAGAIN;  // a hard error ends the wait; the reply check fails
-        bytes.remove_prefix(static_cast<std::size_t>(n));
-      }
-      return true;
-    });
+    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
   bool send(const Json& request) { return write(request.dump() + "\n"); }
 
@@ -103,16 +96,11 @@ class TestClient {
   // Reads what is there; false at the end of the stream.
   bool fill() {
     char buffer[65536];
-    for (;;) {
-      const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-      if (n > 0) {
-        input_.append(buffer, static_cast<std::size_t>(n));
-      } else {
-        if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
-        eof_ = true;
-        return false;
-      }
-    }
+    ssize_t n;
+    while ((n = recv(fd_, buffer, sizeof buffer, 0)) > 0) input_.append(buffer, static_cast<std::size_t>(n));
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
+    eof_ = true;
+    return false;
   }
 
   int fd_ = -1;

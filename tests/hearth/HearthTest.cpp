@@ -1,11 +1,7 @@
-// The agent host and its service layer. The service on its own: declarations
-// refused at the call that makes them, white lists, directories checked all
-// or nothing before any is made, switches followed by the publish mounts, and
-// a mounter that goes before its events. A service agent through its whole
-// start on the event loop, run by the agent host: local mounts, the
-// service-side manager, the service, the service-side mounts and the initial
-// switch mounts after them; the base's hooks on their own; and the host
-// stopping without touching the agent's state.
+// The service layer on its own (declarations refused where they are made,
+// directories checked before any is made, switches followed by the publish
+// mounts), and a service agent through its whole start and stop on the event
+// loop, run by the agent host.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -96,18 +92,24 @@ class HearthTest : public testing::Test {
   ServiceMounter mounter{journal};
 };
 
+// Group "mg1" of `service` for `m`, admitting version 2, tracking the
+// switches, with a publish mount unless `prefix` is null.
+Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> declareGroup(Fleet::FleetStoreService& service, ServiceMounter* m,
+                                                          const char* prefix = "") {
+  auto whiteList = service.versionWhiteListIs("v2");
+  whiteList->allowedVersionIs(2, true);
+  auto g = service.serviceMountGroupIs("mg1", m);
+  g->versionWhiteListIs(whiteList);
+  g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
+  if (prefix) g->perSwitchPublishMountIs(publishDir, prefix, "OverlaySvc::VtepConfigDirV2");
+  return g;
+}
+
 class ServiceTest : public HearthTest {
  protected:
   ServiceTest() { whiteList->allowedVersionIs(2, true); }
-
-  // A group of `m` that tracks the switches, with a publish mount unless
-  // `prefix` is null.
   Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> group(ServiceMounter* m, const char* prefix = "") {
-    auto g = service->serviceMountGroupIs("mg1", m);
-    g->versionWhiteListIs(whiteList);
-    g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
-    if (prefix) g->perSwitchPublishMountIs(publishDir, prefix, "OverlaySvc::VtepConfigDirV2");
-    return g;
+    return declareGroup(*service, m, prefix);
   }
 
   Kiln::Ptr<Ledger::Store> store = Kiln::newPtr<Ledger::Store>();
@@ -124,8 +126,7 @@ TEST_F(ServiceTest, badDeclarationsAreRefusedWhereTheyAreMade) {
             at + switches + ": bad flags \"rw\"; they are 'r' and optionally 'c' (create) and 't' (track), each once");
   for (const char* flags : {"", "ct", "rr", "rctt"})
     EXPECT_NE(errorOf([&] { g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", flags); }),
-              "no error")
-        << flags;
+              "no error");
   EXPECT_EQ(errorOf([&] { g->controllerMountIs(controllerRoot, switches, "OverlaySvc::NoSuchThing", "r"); }),
             at + switches + ": unknown entity type \"OverlaySvc::NoSuchThing\"");
   EXPECT_EQ(errorOf([&] { g->controllerMountIs(switches, controllerRoot, "OverlaySvc::ErrorStatusV2", "r"); }),
@@ -270,13 +271,7 @@ class Agent final : public Hearth::ServiceAgent {
   void doServiceAgentInit() override {
     mounter.journal.note("doServiceAgentInit");
     auto service = fleetStoreServiceIs("Vgw", serviceEntityManager(), localEntityManager());
-    auto whiteList = service->versionWhiteListIs("v2");
-    whiteList->allowedVersionIs(2, true);
-    auto group = service->serviceMountGroupIs("mg1", &mounter);
-    group->versionWhiteListIs(whiteList);
-    group->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
-    group->perSwitchPublishMountIs(publishDir, "", "OverlaySvc::VtepConfigDirV2");
-    group->closedIs(true);
+    declareGroup(*service, &mounter)->closedIs(true);
     service->closedIs(true);
     doControllerMounts();
   }
@@ -364,6 +359,7 @@ TEST_F(ServiceAgentTest, aStopSignalEndsTheLoopAndLeavesTheAgentsState) {
 }
 
 TEST_F(ServiceAgentTest, aStopWithoutSignalAndTheSignalMaskRestoredWithTheRunner) {
+  sigset_t blocked;
   {
     Hearth::AgentRunner inner("Inner");
     EXPECT_EQ(Hearth::localEntityManager(), inner.localEntityManager());
@@ -371,11 +367,7 @@ TEST_F(ServiceAgentTest, aStopWithoutSignalAndTheSignalMaskRestoredWithTheRunner
     inner.run();
     EXPECT_EQ(inner.stopSignal(), 0);
     inner.stopOnSignals();
-    sigset_t blocked;
-    sigprocmask(SIG_BLOCK, nullptr, &blocked);
-    EXPECT_TRUE(sigismember(&blocked, SIGINT));
   }
-  sigset_t blocked;
   sigprocmask(SIG_BLOCK, nullptr, &blocked);
   EXPECT_FALSE(sigismember(&blocked, SIGINT));
   EXPECT_FALSE(sigismember(&blocked, SIGTERM));

@@ -196,13 +196,4 @@ TEST_F(EventLoopTest, reactorMayDropAnotherDescriptorOfTheSameTurn) {
   EXPECT_EQ(ra.reads + rb.reads, 1);
 }
 
-TEST(SimulatedTime, neverMovesBackwards) {
-  Kiln::SimulatedTimeSource t(5.0);
-  t.advance(2.5);
-  EXPECT_EQ(t.now(), 7.5);
-  t.nowIs(9.0);
-  EXPECT_EQ(t.now(), 9.0);
-  EXPECT_DEATH(t.nowIs(1.0), "");
-}
-
 }  // namespace

@@ -129,13 +129,4 @@ TEST_F(MountTest, theMountsOfADestroyedMounterNoLongerCount) {
   EXPECT_EQ(manager->mountFlags("vgw/status"), Kiln::String("r"));
 }
 
-TEST_F(MountTest, flagsComeFromTheLongestMountedPrefix) {
-  mountAll(agent, {Mount("fleet", "Kiln::Dir", "w"), Mount("fleet/cluster/statusDir", "Kiln::Dir", "ri")});
-  for (const char* path : {"fleet", "fleet/config/x", "fleet/cluster", "fleet/cluster/statusDir%2Fx"})
-    EXPECT_EQ(manager->mountFlags(path), Kiln::String("w")) << path;
-  for (const char* path : {"fleet/cluster/statusDir", "fleet/cluster/statusDir/default/isLeader"})
-    EXPECT_EQ(serviceManager->mountFlags(path), Kiln::String("ri")) << path;
-  for (const char* path : {"fleetX", "vgw", "bad//path"}) EXPECT_FALSE(manager->mountFlags(path)) << path;
-}
-
 }  // namespace

@@ -20,7 +20,7 @@ using Ledger::Writer;
 using LedgerTest::errorOf;
 using LedgerTest::LedgerFixture;
 
-TEST(Path, keysWithSlashOrPercentAreEscapedAndMalformedPathsRefused) {
+TEST(Path, keysWithSlashOrPercentAreEscapedAndReadBack) {
   EXPECT_EQ(Ledger::escapeSegment("50%/x"), "50%25%2Fx");
   for (std::string text : {"Ethernet1/1", "%", "a%2Fb", "//%%"})
     EXPECT_EQ(Ledger::unescapeSegment(Ledger::escapeSegment(text)), text);
@@ -30,17 +30,6 @@ TEST(Path, keysWithSlashOrPercentAreEscapedAndMalformedPathsRefused) {
   EXPECT_EQ(p.prefix(0), "");
   EXPECT_EQ(p.prefix(4), "vgw/config/ports/Ethernet1%2F1");
   EXPECT_TRUE(Path::parse("").empty());
-
-  const std::string empty = ": empty segment; a path has no leading, trailing or doubled '/'";
-  const std::string escapes = "; only %2F ('/') and %25 ('%') are escapes";
-  const std::pair<const char*, std::string> bad[] = {
-      {"/vgw", "/vgw" + empty},
-      {"vgw/", "vgw/" + empty},
-      {"vgw//config", "vgw//config" + empty},
-      {"a/b%2", "a/b%2: bad escape \"%2\" in segment \"b%2\"" + escapes},
-      {"a/%41", "a/%41: bad escape \"%41\" in segment \"%41\"" + escapes},
-  };
-  for (const auto& [path, error] : bad) EXPECT_EQ(errorOf([&] { Path::parse(path); }), error);
 }
 
 class PathOpsTest : public LedgerFixture {
@@ -168,6 +157,11 @@ TEST_F(PathOpsTest, removeDeletesEntriesMembersAndChildren) {
 
 TEST_F(PathOpsTest, refusalsNameThePlaceAndTheReasonAndChangeNothing) {
   expectRefused({
+      {"read", "/vgw", nullptr, "/vgw: empty segment; a path has no leading, trailing or doubled '/'"},
+      {"read", "vgw/", nullptr, "vgw/: empty segment; a path has no leading, trailing or doubled '/'"},
+      {"read", "a/b%2", nullptr, "a/b%2: bad escape \"%2\" in segment \"b%2\"; only %2F ('/') and %25 ('%') are escapes"},
+      {"read", "a/%41", nullptr,
+       "a/%41: bad escape \"%41\" in segment \"%41\"; only %2F ('/') and %25 ('%') are escapes"},
       {"read", "vgw/nothing", nullptr, "vgw/nothing: no entry \"nothing\" in \"vgw\""},
       {"read", "none/config", nullptr, "none/config: no entry \"none\" in the root"},
       {"read", "vgw/config/colour", nullptr,
@@ -300,6 +294,9 @@ TEST_F(PathOpsTest, theMountsDecideWhoMayWrite) {
   EXPECT_EQ(manager->read("vgw/status/running"), true);
   EXPECT_EQ(manager->read("vgw/config/name"), "ok");
   EXPECT_TRUE(manager->list("routes").empty());
+  // A path's flags are those of its longest mounted prefix, whole segments only.
+  EXPECT_EQ(serviceManager->mountFlags("vgw/status/peers/3"), Kiln::String("wi"));
+  EXPECT_FALSE(manager->mountFlags("vgw/statusX"));
 }
 
 }  // namespace

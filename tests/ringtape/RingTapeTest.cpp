@@ -17,6 +17,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -31,6 +32,7 @@ namespace {
 namespace fs = std::filesystem;
 using RingTape::LevelSpec;
 using Lines = std::vector<std::string>;
+using namespace std::string_literals;
 
 RINGTAPE_HANDLE("VgwTraceTest");
 
@@ -41,9 +43,7 @@ inline constexpr RingTape::LevelSizes agentSizes{32, 32, 32, 32, 32, 512, 512, 5
 class RingTapeTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* variable : {"VGW_TRACE", "VGW_RINGTAPE_LEVELS", "RINGTAPE_DISABLE"}) {
-      unsetenv(variable);
-    }
+    for (const char* variable : {"VGW_TRACE", "VGW_RINGTAPE_LEVELS", "RINGTAPE_DISABLE"}) unsetenv(variable);
     char dirTemplate[] = "/tmp/ringtape-test-XXXXXX";
     ASSERT_NE(mkdtemp(dirTemplate), nullptr);
     dir = dirTemplate;
@@ -59,13 +59,9 @@ class RingTapeTest : public ::testing::Test {
     std::filesystem::remove_all(dir);
   }
 
-  static bool openRing(const char* name = "Test-%d.tape",
-                       const RingTape::LevelSizes& sizes = agentSizes,
-                       std::uint32_t maxMessageBytes = 512, bool keepPrevious = false,
-                       const char* linkName = nullptr, int keepOldTapes = 0,
-                       int maxAgeHours = 24) {
-    return RingTape::initialize(name, sizes, linkName, keepOldTapes, maxAgeHours,
-                                RingTape::ThreadingMode::singleThreaded, keepPrevious,
+  static bool openRing(const char* name = "Test-%d.tape", const RingTape::LevelSizes& sizes = agentSizes,
+                       std::uint32_t maxMessageBytes = 512, bool keepPrevious = false, const char* link = nullptr) {
+    return RingTape::initialize(name, sizes, link, 0, 24, RingTape::ThreadingMode::singleThreaded, keepPrevious,
                                 maxMessageBytes);
   }
 
@@ -80,6 +76,7 @@ class RingTapeTest : public ::testing::Test {
     for (const auto& record : records) messages.push_back(record.message);
     return messages;
   }
+  std::string pathOf(const std::string& name) const { return dir + "/" + name; }
 
   Lines streamed() const {
     Lines lines;
@@ -243,9 +240,9 @@ class RingFile : public RingTapeTest {
     RingTapeTest::SetUp();
     levelsAre("", "*");
   }
-  std::string pathOf(const std::string& name) const { return dir + "/" + name; }
-  std::string ownName() const { return "Test-" + std::to_string(getpid()) + ".tape"; }
 };
+
+const std::string ownName = "Test-" + std::to_string(getpid()) + ".tape";
 
 void touch(const std::string& path, int hoursAgo) {
   std::ofstream(path) << "x";
@@ -253,32 +250,33 @@ void touch(const std::string& path, int hoursAgo) {
   fs::last_write_time(path, when);
 }
 
-TEST_F(RingFile, RecordsComeBackInWritingOrderAcrossLevels) {
+TEST_F(RingFile, RecordsComeBackInWritingOrderAcrossLevelsAndLongOnesAreCutAtACharacter) {
   Kiln::SimulatedTimeSource clock(500.0);
   Kiln::System::timeSourceIs(&clock);
-  ASSERT_TRUE(openRing());
-  EXPECT_EQ(RingTape::ringPath(), pathOf(ownName()));
+  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 16));
+  EXPECT_EQ(RingTape::ringPath(), pathOf(ownName));
   const int line = __LINE__ + 1;
   VGW_TRACE(5, "handleEnable");
   VGW_TRACE(0, "hard error " << 7);
   clock.advance(0.25);
   VGW_TRACE(6, "Session State: " << "stateConnected");
+  VGW_TRACE(6, "Session State: \xc3\xa9");  // the 'é' would straddle the cut
 
   std::string error;
   const auto contents = RingTape::readRingFile(RingTape::ringPath(), &error);
   ASSERT_TRUE(contents) << error;
   EXPECT_EQ(contents->pid, getpid());
   const auto& records = contents->records;
-  EXPECT_EQ(messagesOf(records), (Lines{"handleEnable", "hard error 7", "Session State: stateConnected"}));
-  ASSERT_EQ(records.size(), 3u);
-  const int levels[] = {5, 0, 6};
-  const int lines[] = {line, line + 1, line + 3};
+  EXPECT_EQ(messagesOf(records), (Lines{"handleEnable", "hard error 7", "Session State: s", "Session State: "}));
+  ASSERT_EQ(records.size(), 4u);
+  const int levels[] = {5, 0, 6, 6};
+  const int lines[] = {line, line + 1, line + 3, line + 4};
   for (std::size_t i = 0; i < records.size(); ++i) {
     EXPECT_EQ(records[i].level, levels[i]);
     EXPECT_EQ(records[i].line, lines[i]);
     EXPECT_EQ(records[i].handle, "VgwTraceTest");
     EXPECT_EQ(records[i].file, "RingTapeTest.cpp");
-    EXPECT_FALSE(records[i].truncated);
+    EXPECT_EQ(records[i].truncated, i >= 2);
   }
   EXPECT_EQ(records[1].time, 500.0);
   EXPECT_EQ(records[2].time, 500.25);
@@ -306,17 +304,6 @@ TEST_F(RingFile, FullRegionKeepsTheNewestRecordsAndSparesOtherLevels) {
   }
 }
 
-TEST_F(RingFile, LongMessageIsCutAtACharacterAndMarked) {
-  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 8));
-  VGW_TRACE(6, "abcdefg\xc3\xa9xyz");  // the 'é' would straddle the cut
-  VGW_TRACE(6, "12345678");
-  const auto records = readBack();
-  EXPECT_EQ(messagesOf(records), (Lines{"abcdefg", "12345678"}));
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_TRUE(records[0].truncated);
-  EXPECT_FALSE(records[1].truncated);
-}
-
 TEST_F(RingFile, ReaderSkipsADamagedRecordAndRefusesWhatIsNotARingFile) {
   ASSERT_TRUE(openRing());
   VGW_TRACE(0, "first");
@@ -342,16 +329,6 @@ TEST_F(RingFile, ReaderSkipsADamagedRecordAndRefusesWhatIsNotARingFile) {
   EXPECT_NE(error.find("is too short"), std::string::npos) << error;
   EXPECT_FALSE(RingTape::readRingFile(pathOf("absent"), &error));
   EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
-}
-
-TEST_F(RingFile, NameAndDirectoryComeFromTemplateAndEnvironment) {
-  setenv("RINGTAPEDIR", "", 1);
-  EXPECT_EQ(RingTape::tapeDirectory(), "/tmp");
-  unsetenv("RINGTAPEDIR");
-  EXPECT_EQ(RingTape::tapeDirectory(), "/tmp");
-  EXPECT_EQ(RingTape::expandTapeName("Vgw-%d.tape", 42), "Vgw-42.tape");
-  EXPECT_EQ(RingTape::expandTapeName("a%db%d%", 7), "a7b7%");
-  EXPECT_EQ(RingTape::expandTapeName("Vgw.tape", 7), "Vgw.tape");
 }
 
 TEST_F(RingFile, DisabledOrInvalidRingStaysClosed) {
@@ -382,7 +359,7 @@ TEST_F(RingFile, DisabledOrInvalidRingStaysClosed) {
   EXPECT_EQ(std::count(warnings.begin(), warnings.end(), '\n'), 5);
 }
 
-TEST_F(RingFile, EarlierTapeIsReplacedOrSetAsideAndTheLinkPointsAtTheNewest) {
+TEST_F(RingFile, EarlierTapeIsReplacedOrSetAside) {
   ASSERT_TRUE(openRing("Fixed.tape"));
   VGW_TRACE(6, "crashed run");
   ASSERT_TRUE(openRing("Fixed.tape"));
@@ -393,15 +370,6 @@ TEST_F(RingFile, EarlierTapeIsReplacedOrSetAsideAndTheLinkPointsAtTheNewest) {
   VGW_TRACE(6, "next run");
   EXPECT_EQ(messagesOf(readBack(pathOf("Fixed.tape.prev"))), Lines{"clean run"});
   EXPECT_EQ(messagesOf(readBack()), Lines{"next run"});
-
-  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, "Test-current.tape"));
-  EXPECT_EQ(fs::read_symlink(pathOf("Test-current.tape")), ownName());
-  ASSERT_TRUE(openRing("Other.tape", agentSizes, 512, false, "Test-current.tape"));
-  EXPECT_EQ(fs::read_symlink(pathOf("Test-current.tape")), "Other.tape");
-  std::ofstream(pathOf("plain")) << "keep me";
-  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, "plain"));
-  EXPECT_FALSE(fs::is_symlink(pathOf("plain")));
-  EXPECT_NE(captured.str().find("plain exists and is not a symbolic link"), std::string::npos);
 }
 
 TEST_F(RingFile, OldTapesOfTheFamilyAreCleared) {
@@ -418,19 +386,9 @@ TEST_F(RingFile, OldTapesOfTheFamilyAreCleared) {
   EXPECT_FALSE(fs::exists(pathOf(dead + ".prev")));
   for (const std::string& kept : {running, std::string("Test-2147480001.tape"),
                                   std::string("Test-x.tape"),
-                                  std::string("Other-2147480000.tape"), ownName()}) {
+                                  std::string("Other-2147480000.tape"), ownName}) {
     EXPECT_TRUE(fs::exists(pathOf(kept))) << kept;
   }
-
-  // keepOldTapes spares the newest of the old ones; a negative age spares all.
-  touch(pathOf("Test-2147480002.tape"), 30);
-  touch(pathOf("Test-2147480003.tape"), 40);
-  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, nullptr, 2, -1));
-  EXPECT_TRUE(fs::exists(pathOf("Test-2147480003.tape")));
-  ASSERT_TRUE(openRing("Test-%d.tape", agentSizes, 512, false, nullptr, 2, 24));
-  EXPECT_TRUE(fs::exists(pathOf("Test-2147480001.tape")));
-  EXPECT_TRUE(fs::exists(pathOf("Test-2147480002.tape")));
-  EXPECT_FALSE(fs::exists(pathOf("Test-2147480003.tape")));
 }
 
 TEST_F(RingFile, AssertionTextIsKeptAtLevelZero) {
@@ -439,11 +397,9 @@ TEST_F(RingFile, AssertionTextIsKeptAtLevelZero) {
   RingTape::recordAssertion("mountStatus == Ledger::mountSuccess_", "/src/Vgw/VgwAgent.cpp", 42);
   const auto records = readBack();
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].level, 0);
-  EXPECT_EQ(records[0].handle, "Assert");
-  EXPECT_EQ(records[0].file, "VgwAgent.cpp");
-  EXPECT_EQ(records[0].line, 42);
-  EXPECT_EQ(records[0].message, "mountStatus == Ledger::mountSuccess_");
+  const RingTape::Record& r = records[0];
+  EXPECT_EQ(std::tie(r.level, r.handle, r.file, r.line, r.message),
+            std::make_tuple(0, "Assert"s, "VgwAgent.cpp"s, 42, "mountStatus == Ledger::mountSuccess_"s));
 }
 
 #ifdef RINGTAPE_DUMP_PATH
@@ -486,9 +442,6 @@ TEST_F(RingFile, DumpToolPrintsRecordsOldestFirstAndRefusesBadInput) {
   const ToolRun bad = runDump(pathOf("text"));
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.output, "ringtape-dump: " + pathOf("text") + " is not a ring file\n");
-  const ToolRun usage = runDump("");
-  EXPECT_EQ(usage.status, 2);
-  EXPECT_TRUE(usage.output.starts_with("usage: ringtape-dump FILE\n"));
 }
 #endif
 

@@ -327,20 +327,6 @@ TEST_F(ServiceAgentTest, theWholeStartRunsInOrderOnLaterTurns) {
                Fleet::ServiceError);
 }
 
-TEST_F(ServiceAgentTest, theBaseHooksCarryAnAgentThatOverridesNothing) {
-  struct Bare final : Hearth::ServiceAgent {
-    Bare(Kiln::Ptr<Ledger::EntityManager> local, Journal& j) : ServiceAgent(std::move(local), "Bare"), journal(j) {}
-    void doControllerMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
-      journal.note(manager == serviceEntityManager() ? "service manager" : "other manager", status);
-    }
-    Journal& journal;
-  };
-  runner.agentIs([this](Kiln::String) { return Kiln::newPtr<Bare>(runner.localEntityManager(), journal); });
-  EXPECT_TRUE(runner.agent()->serviceEntityManager());
-  turns(3);
-  EXPECT_EQ(journal.lines, Lines{"2 service manager mountSuccess"});
-}
-
 TEST_F(ServiceAgentTest, aStopSignalEndsTheLoopAndLeavesTheAgentsState) {
   auto agent = start();
   turns(5);
@@ -356,22 +342,6 @@ TEST_F(ServiceAgentTest, aStopSignalEndsTheLoopAndLeavesTheAgentsState) {
   EXPECT_NE(logged.str().find("KXT_AGENT_STOP_REQUESTED"), std::string::npos);
   EXPECT_NE(logged.str().find("Agent Vgw stopping on SIGTERM"), std::string::npos) << logged.str();
   EXPECT_EQ(runner.localEntityManager()->read(""), before);
-}
-
-TEST_F(ServiceAgentTest, aStopWithoutSignalAndTheSignalMaskRestoredWithTheRunner) {
-  sigset_t blocked;
-  {
-    Hearth::AgentRunner inner("Inner");
-    EXPECT_EQ(Hearth::localEntityManager(), inner.localEntityManager());
-    scoped.loop().post([&] { inner.stop(); });
-    inner.run();
-    EXPECT_EQ(inner.stopSignal(), 0);
-    inner.stopOnSignals();
-  }
-  sigprocmask(SIG_BLOCK, nullptr, &blocked);
-  EXPECT_FALSE(sigismember(&blocked, SIGINT));
-  EXPECT_FALSE(sigismember(&blocked, SIGTERM));
-  EXPECT_EQ(Hearth::localEntityManager(), runner.localEntityManager());
 }
 
 }  // namespace

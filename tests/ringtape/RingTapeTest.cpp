@@ -1,8 +1,7 @@
 // The trace facility: which traces go where (level specifications and the
 // variables that give them), the stream line, evaluation only when a trace
-// goes somewhere, the block timer on simulated time; and the ring file: its
-// records read back in order, full regions, cuts, damage, the tape's name,
-// earlier tapes, the link and old tapes cleared, and the dump tool.
+// goes somewhere, the block timer; and the ring file: records read back in
+// order, full regions, cuts, damage, earlier and old tapes, the dump tool.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -13,7 +12,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -375,20 +373,13 @@ TEST_F(RingFile, EarlierTapeIsReplacedOrSetAside) {
 TEST_F(RingFile, OldTapesOfTheFamilyAreCleared) {
   const std::string dead = "Test-2147480000.tape";  // beyond any pid_max
   const std::string running = "Test-" + std::to_string(getppid()) + ".tape";
-  touch(pathOf(dead), 48);
-  touch(pathOf(dead + ".prev"), 30);
-  touch(pathOf(running), 48);
-  touch(pathOf("Test-2147480001.tape"), 2);
-  touch(pathOf("Test-x.tape"), 48);
-  touch(pathOf("Other-2147480000.tape"), 48);
+  const Lines kept = {running, "Test-2147480001.tape", "Test-x.tape", "Other-2147480000.tape"};
+  for (const std::string& name : {dead, dead + ".prev", kept[0], kept[2], kept[3]}) touch(pathOf(name), 48);
+  touch(pathOf(kept[1]), 2);  // young
   ASSERT_TRUE(openRing());
   EXPECT_FALSE(fs::exists(pathOf(dead)));
   EXPECT_FALSE(fs::exists(pathOf(dead + ".prev")));
-  for (const std::string& kept : {running, std::string("Test-2147480001.tape"),
-                                  std::string("Test-x.tape"),
-                                  std::string("Other-2147480000.tape"), ownName}) {
-    EXPECT_TRUE(fs::exists(pathOf(kept))) << kept;
-  }
+  for (const std::string& name : kept) EXPECT_TRUE(fs::exists(pathOf(name))) << name;
 }
 
 TEST_F(RingFile, AssertionTextIsKeptAtLevelZero) {
@@ -403,19 +394,13 @@ TEST_F(RingFile, AssertionTextIsKeptAtLevelZero) {
 }
 
 #ifdef RINGTAPE_DUMP_PATH
-struct ToolRun {
-  int status;
+// The dump tool's exit status and output, both streams.
+std::pair<int, std::string> runDump(const std::string& arguments) {
+  FILE* pipe = popen((RINGTAPE_DUMP_PATH " " + arguments + " 2>&1").c_str(), "r");
   std::string output;
-};
-
-ToolRun runDump(const std::string& arguments) {
-  const std::string command = std::string(RINGTAPE_DUMP_PATH) + " " + arguments + " 2>&1";
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  ToolRun run{-1, {}};
   char buffer[4096];
-  while (std::size_t n = fread(buffer, 1, sizeof buffer, pipe.get())) run.output.append(buffer, n);
-  run.status = WEXITSTATUS(pclose(pipe.release()));
-  return run;
+  while (std::size_t n = fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
+  return {WEXITSTATUS(pclose(pipe)), output};
 }
 
 TEST_F(RingFile, DumpToolPrintsRecordsOldestFirstAndRefusesBadInput) {
@@ -426,22 +411,17 @@ TEST_F(RingFile, DumpToolPrintsRecordsOldestFirstAndRefusesBadInput) {
   const std::string path = RingTape::ringPath();
   RingTape::close();
 
-  const ToolRun run = runDump(path);
-  EXPECT_EQ(run.status, 0);
+  const auto [status, output] = runDump(path);
+  EXPECT_EQ(status, 0);
   const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)";
   EXPECT_TRUE(std::regex_match(
-      run.output,
-      std::regex("# " + path + ": process " + std::to_string(getpid()) + ", created " + time +
-                 ", 2 records\n" + time + " VgwTraceTest 6 RingTapeTest.cpp:" +
-                 std::to_string(line) + "  Del ErrorStatus \\[truncated\\]\n" + time +
-                 " VgwTraceTest 0 RingTapeTest.cpp:" + std::to_string(line + 1) +
-                 " hard error\n")))
-      << run.output;
-
+      output, std::regex("# " + path + ": process " + std::to_string(getpid()) + ", created " + time + ", 2 records\n" +
+                         time + " VgwTraceTest 6 RingTapeTest.cpp:" + std::to_string(line) +
+                         "  Del ErrorStatus \\[truncated\\]\n" + time + " VgwTraceTest 0 RingTapeTest.cpp:" +
+                         std::to_string(line + 1) + " hard error\n")))
+      << output;
   std::ofstream(pathOf("text")) << std::string(5000, 'x');
-  const ToolRun bad = runDump(pathOf("text"));
-  EXPECT_EQ(bad.status, 1);
-  EXPECT_EQ(bad.output, "ringtape-dump: " + pathOf("text") + " is not a ring file\n");
+  EXPECT_EQ(runDump(pathOf("text")), std::make_pair(1, "ringtape-dump: " + pathOf("text") + " is not a ring file\n"));
 }
 #endif
 

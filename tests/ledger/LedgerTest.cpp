@@ -1,15 +1,20 @@
-// Paths, documents and the operators' path operations: escapes and the
-// canonical text, read, write, remove, list and load at entity, attribute
-// and member depth, creation rules, reloads that notify only differences,
-// the writer rules of the mounts, and refusals that name the place and
-// change nothing.
+// The state store: paths and their escapes; the operators' path operations
+// (read, write, remove, list, load) at entity, attribute and member depth,
+// with creation rules, reloads that notify only differences, the writer rules
+// of the mounts and refusals that name the place and change nothing; mount
+// groups and the records they leave; and watches of every change at and
+// below a path.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "Kiln/EventLoop.h"
+#include "Ledger/EntityManager.h"
 #include "Ledger/Path.h"
-#include "LedgerFixture.h"
+#include "ledger/LedgerTestTypes.h"
 
 namespace {
 
@@ -17,8 +22,41 @@ using Kiln::Json;
 using Ledger::Mount;
 using Ledger::Path;
 using Ledger::Writer;
-using LedgerTest::errorOf;
-using LedgerTest::LedgerFixture;
+using Changes = std::vector<std::pair<std::string, Json>>;
+using Statuses = std::vector<Ledger::MountStatus>;
+
+// The text of the JsonError that `fn` throws, or "no error".
+template <class Fn>
+std::string errorOf(Fn fn) {
+  try {
+    fn();
+  } catch (const Kiln::JsonError& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+// An event loop of its own, and a store with two managers on it.
+class LedgerFixture : public testing::Test {
+ protected:
+  Kiln::ScopedEventLoop scoped;
+  Kiln::Ptr<Ledger::Store> store = Kiln::newPtr<Ledger::Store>();
+  Kiln::Ptr<Ledger::EntityManager> manager = Kiln::newPtr<Ledger::EntityManager>(store);
+  Kiln::Ptr<Ledger::EntityManager> serviceManager = Kiln::newPtr<Ledger::EntityManager>(store);
+
+  // The store's whole content, to show that a failed operation changed nothing.
+  Kiln::Json everything() const { return manager->read(""); }
+};
+
+class RecordingMounter : public Ledger::Mounter {
+ public:
+  Statuses statuses;
+  Kiln::Ptr<Ledger::EntityManager> manager;
+  void doMountsComplete(Ledger::MountStatus s, Kiln::Ptr<Ledger::EntityManager> m) override {
+    statuses.push_back(s);
+    manager = m;
+  }
+};
 
 TEST(Path, keysWithSlashOrPercentAreEscapedAndReadBack) {
   EXPECT_EQ(Ledger::escapeSegment("50%/x"), "50%25%2Fx");
@@ -256,13 +294,8 @@ TEST_F(PathOpsTest, aDeclarationMustAgreeWithTheDocumentAndTheStore) {
             "vgw/peer: entities of type LedgerTest::Peer cannot be made by name");
 }
 
-class AgentMounter : public Ledger::Mounter {
- public:
-  void doMountsComplete(Ledger::MountStatus, Kiln::Ptr<Ledger::EntityManager>) override {}
-};
-
 TEST_F(PathOpsTest, theMountsDecideWhoMayWrite) {
-  AgentMounter agent;
+  RecordingMounter agent;
   auto group = manager->getMountGroup(&agent);
   group->doMount(Mount("vgw/config", "LedgerTest::Config", "r"));
   group->doMount(Mount("vgw/status", "LedgerTest::Status", "wi"));
@@ -297,6 +330,230 @@ TEST_F(PathOpsTest, theMountsDecideWhoMayWrite) {
   // A path's flags are those of its longest mounted prefix, whole segments only.
   EXPECT_EQ(serviceManager->mountFlags("vgw/status/peers/3"), Kiln::String("wi"));
   EXPECT_FALSE(manager->mountFlags("vgw/statusX"));
+}
+
+class MountTest : public LedgerFixture {
+ protected:
+  Kiln::Ptr<Ledger::MountGroup> mountAll(Ledger::Mounter& mounter, const std::vector<Mount>& mounts) {
+    auto group = manager->getMountGroup(&mounter);
+    for (const Mount& m : mounts) group->doMount(m);
+    group->doClose(false, "", 0.0);
+    return group;
+  }
+  std::string failureOf(const std::vector<Mount>& mounts) {
+    RecordingMounter mounter;
+    return mountAll(mounter, mounts)->failureReason();
+  }
+  RecordingMounter agent;
+};
+
+TEST_F(MountTest, absentEntitiesAreCreatedExistingOnesKeptAndTheMounterHearsOnALaterTurn) {
+  manager->loadDocument(Kiln::Json::parse(R"({"vgw/config": {"@type": "LedgerTest::SiteConfig", "site": "a"}})"));
+  auto existing = manager->getEntity("vgw/config");
+  manager->pathTypeIs("vgw/declared", LedgerTest::SiteConfig::typeInfo_);
+  auto group = serviceManager->getMountGroup(&agent);
+  group->doMount(Mount("vgw/config", "LedgerTest::Config", "r"));  // a kind of the mounted type will do
+  group->doMount(Mount("vgw/status", "LedgerTest::Status", "wi"));
+  group->doMount(Mount("vgw/declared", "LedgerTest::Config", "r"));
+  group->doMount(Mount("fleet/cluster/statusDir", "Kiln::Dir", "r"));
+  // "i" asks for the entity at once; the others come with the close.
+  EXPECT_TRUE(manager->getEntity<LedgerTest::Status>("vgw/status"));
+  EXPECT_FALSE(manager->getEntity("fleet/cluster"));
+
+  group->doClose(false, "local", 0.0);
+  EXPECT_TRUE(group->closed());
+  EXPECT_TRUE(agent.statuses.empty());  // never inside doClose
+  EXPECT_FALSE(group->completed());
+  EXPECT_EQ(manager->getEntity("vgw/config"), existing);
+  EXPECT_TRUE(manager->getEntity<LedgerTest::SiteConfig>("vgw/declared"));
+  EXPECT_TRUE(manager->getEntity<Kiln::Dir>("fleet/cluster/statusDir"));
+
+  scoped.loop().runOnce(0);
+  EXPECT_EQ(agent.statuses, Statuses{Ledger::mountSuccess});
+  EXPECT_EQ(agent.manager, serviceManager);
+  EXPECT_TRUE(group->completed());
+  EXPECT_EQ(group->failureReason(), "");
+  scoped.loop().runOnce(0);
+  EXPECT_EQ(agent.statuses.size(), 1u);
+}
+
+TEST_F(MountTest, oneBadMountFailsTheWholeGroupAndRecordsNothing) {
+  manager->loadDocument(Kiln::Json::parse(R"({"vgw/config": {"@type": "LedgerTest::Config"}})"));
+  const Kiln::Json before = everything();
+  auto group = mountAll(agent, {Mount("fleet/config", "LedgerTest::Config", "r"),
+                                Mount("vgw/config", "LedgerTest::Status", "w"), Mount("vgw/status", "No::Such", "w")});
+  EXPECT_EQ(group->status(), Ledger::mountFailed);
+  EXPECT_EQ(group->failureReason(), "vgw/config: holds a LedgerTest::Config, not a LedgerTest::Status");
+  EXPECT_EQ(everything(), before);  // fleet/config was not created
+  EXPECT_FALSE(manager->mountFlags("fleet/config"));
+  EXPECT_TRUE(agent.statuses.empty());
+  scoped.loop().runOnce(0);
+  EXPECT_EQ(agent.statuses, Statuses{Ledger::mountFailed});
+}
+
+TEST_F(MountTest, eachKindOfBadMountIsNamed) {
+  manager->loadDocument(Kiln::Json::parse(R"({"vgw/config": {"@type": "LedgerTest::Config"}})"));
+  manager->pathTypeIs("vgw/late", LedgerTest::Config::typeInfo_);
+  const std::pair<Mount, const char*> cases[] = {
+      {Mount("vgw/status", "No::Such", "r"), "vgw/status: unknown entity type \"No::Such\""},
+      {Mount("vgw/status", "LedgerTest::Status", "rw"),
+       "vgw/status: bad mount flags \"rw\"; they are \"r\", \"ri\", \"w\" or \"wi\""},
+      {Mount("vgw/config/detail", "LedgerTest::Detail", "r"),
+       "vgw/config/detail: \"vgw/config\" is a LedgerTest::Config, not a directory; whole entities stand only in "
+       "directories"},
+      {Mount("vgw/peer", "LedgerTest::Peer", "r"), "vgw/peer: entities of type LedgerTest::Peer cannot be made by name"},
+      {Mount("", "Kiln::Dir", "r"), "the root holds the whole store; name a path below it"},
+      {Mount("vgw//status", "LedgerTest::Status", "r"),
+       "vgw//status: empty segment; a path has no leading, trailing or doubled '/'"},
+      {Mount("vgw/late", "LedgerTest::Status", "r"),
+       "vgw/late: is declared as a LedgerTest::Config, not a LedgerTest::Status"},
+  };
+  for (const auto& [mount, reason] : cases) EXPECT_EQ(failureOf({mount}), reason);
+  auto group = manager->getMountGroup(&agent);
+  group->doMount(Mount("vgw/status", "LedgerTest::Status", "r"));
+  group->doMount(Mount("vgw/status", "LedgerTest::Status", "w"));
+  group->doClose(false, "service", 0.0);
+  EXPECT_EQ(group->failureReason(), "service: vgw/status: mounted twice in the group, \"r\" and \"w\"");
+}
+
+TEST_F(MountTest, aPathHasOneWriterAndReadersAgreeOnTheFlags) {
+  mountAll(agent, {Mount("vgw/status", "LedgerTest::Status", "wi"), Mount("vgw/config", "LedgerTest::Config", "r")});
+  EXPECT_EQ(failureOf({Mount("vgw/status", "LedgerTest::Status", "wi")}),
+            "vgw/status: already mounted \"wi\" by another mounter; an entity has one writer");
+  EXPECT_EQ(failureOf({Mount("vgw/status", "LedgerTest::Status", "r")}),
+            "vgw/status: already mounted \"wi\", so it cannot be mounted \"r\"");
+  EXPECT_EQ(failureOf({Mount("vgw/config", "LedgerTest::Config", "r")}), "");
+  // The writer itself may mount its path again.
+  EXPECT_EQ(mountAll(agent, {Mount("vgw/status", "LedgerTest::Status", "wi")})->status(), Ledger::mountSuccess);
+}
+
+TEST_F(MountTest, theMountsOfADestroyedMounterNoLongerCount) {
+  auto first = std::make_unique<RecordingMounter>();
+  auto group = mountAll(*first, {Mount("vgw/status", "LedgerTest::Status", "w")});
+  first.reset();  // before completion: the group completes to nobody
+  scoped.loop().runOnce(0);
+  EXPECT_TRUE(group->completed());
+  EXPECT_FALSE(manager->mountFlags("vgw/status"));
+  manager->write("vgw/status/running", true, Ledger::Writer::external);
+  mountAll(agent, {Mount("vgw/status", "LedgerTest::Status", "r")});
+  EXPECT_EQ(manager->mountFlags("vgw/status"), Kiln::String("r"));
+}
+
+class WatchTest : public LedgerFixture {
+ protected:
+  WatchTest() {
+    manager->loadDocument(Json::parse(R"({
+      "vgw/config": {"@type": "LedgerTest::Config", "ports": {"e1": {"speed": 1}}},
+      "vgw/status": {"@type": "LedgerTest::Status"}
+    })"));
+    config = manager->getEntity<LedgerTest::Config>("vgw/config");
+  }
+
+  std::unique_ptr<Ledger::Watch> watch(const char* path) {
+    return manager->watch(path, [this](const std::string& changed, const Json& value) {
+      seen.emplace_back(changed, value);
+      // The value is what a read of the changed path gives at that moment.
+      EXPECT_EQ(value, value.is_null() ? Json() : manager->read(changed)) << changed;
+    });
+  }
+
+  Kiln::Ptr<LedgerTest::Config> config;
+  Changes seen;
+};
+
+TEST_F(WatchTest, streamsAttributesMembersAndNestedEntities) {
+  auto w = watch("vgw/config");
+  config->enabledIs(true);
+  config->enabledIs(true);  // no change, no report
+  config->limitsIs("macs", 5);
+  config->ports("e1")->speedIs(2);
+  config->ports("e1")->vlansIs(10);
+  config->limitsDel("macs");
+  config->scratchpadIs(3);  // not part of the JSON form
+  EXPECT_EQ(seen, (Changes{{"vgw/config/enabled", true},
+                           {"vgw/config/limits/macs", 5},
+                           {"vgw/config/ports/e1/speed", 2},
+                           {"vgw/config/ports/e1/vlans/10", true},
+                           {"vgw/config/limits/macs", Json()}}));
+}
+
+TEST_F(WatchTest, followsEntriesAndEntitiesThatAppearAndLeavesThoseThatGo) {
+  auto w = watch("vgw");
+  manager->write("vgw/extra", Json::parse(R"({"@type": "LedgerTest::Status", "running": true})"), Writer::external);
+  manager->getEntity<LedgerTest::Status>("vgw/extra")->peersIs(3)->addressIs("a");
+  manager->remove("vgw/extra", Writer::external);
+  manager->write("vgw/config/ports/Ethernet1%2F2", Json::parse(R"({"speed": 7})"), Writer::external);
+  auto port = config->ports("Ethernet1/2");
+  auto detail = config->detailIs("detail");
+  detail->hitsIs(1, "one");
+  EXPECT_EQ(seen, (Changes{{"vgw/extra", Json::parse(R"({"running": false, "counters": {}, "peers": {}})")},
+                           {"vgw/extra/running", true},
+                           {"vgw/extra/peers/3", Json::parse(R"({"id": 3, "address": ""})")},
+                           {"vgw/extra/peers/3/address", "a"},
+                           {"vgw/extra", Json()},
+                           {"vgw/config/ports/Ethernet1%2F2", Json::parse(R"({"name": "Ethernet1/2", "speed": 10, "vlans": {}})")},
+                           {"vgw/config/ports/Ethernet1%2F2/speed", 7},
+                           {"vgw/config/detail", Json::parse(R"({"note": "", "hits": {}})")},
+                           {"vgw/config/detail/hits/1", "one"}}));
+  seen.clear();
+  config->portsDel("Ethernet1/2");
+  config->detailDel();
+  EXPECT_EQ(port->notifieeCount(), 0u);
+  EXPECT_EQ(detail->notifieeCount(), 0u);
+  port->speedIs(8);
+  detail->noteIs("gone");
+  EXPECT_EQ(seen, (Changes{{"vgw/config/ports/Ethernet1%2F2", Json()}, {"vgw/config/detail", Json()}}));
+}
+
+TEST_F(WatchTest, aWatchOnAnEntryOutlivesItsRemovalAndRecreation) {
+  auto w = watch("vgw/status");
+  manager->remove("vgw/status", Writer::external);
+  manager->write("vgw/status", Json::parse(R"({"@type": "LedgerTest::Status"})"), Writer::external);
+  manager->write("vgw/status/running", true, Writer::external);
+  manager->write("vgw/config/name", "elsewhere", Writer::external);
+  EXPECT_EQ(seen, (Changes{{"vgw/status", Json()},
+                           {"vgw/status", Json::parse(R"({"running": false, "counters": {}, "peers": {}})")},
+                           {"vgw/status/running", true}}));
+}
+
+TEST_F(WatchTest, attributeAndMemberWatchesSeeOnlyTheirPlace) {
+  config->limitsIs("a", 1);
+  auto limits = watch("vgw/config/limits");
+  auto speed = watch("vgw/config/ports/e1/speed");
+  auto member = watch("vgw/config/limits/a");
+  config->limitsIs("a", 2);
+  config->limitsIs("b", 3);
+  config->nameIs("x");
+  config->ports("e1")->speedIs(5);
+  config->ports("e1")->vlansIs(1);
+  EXPECT_EQ(seen, (Changes{{"vgw/config/limits/a", 2},
+                           {"vgw/config/limits/a", 2},
+                           {"vgw/config/limits/b", 3},
+                           {"vgw/config/ports/e1/speed", 5}}));
+}
+
+TEST_F(WatchTest, destroyingTheHandleStopsTheStream) {
+  auto w = watch("");
+  config->nameIs("a");
+  EXPECT_EQ(seen, (Changes{{"vgw/config/name", "a"}}));
+  w.reset();
+  config->nameIs("b");
+  config->ports("e1")->speedIs(9);
+  EXPECT_EQ(seen.size(), 1u);
+  EXPECT_EQ(config->notifieeCount(), 0u);
+  EXPECT_EQ(config->ports("e1")->notifieeCount(), 0u);
+  EXPECT_EQ(store->root()->notifieeCount(), 0u);
+
+  // The callback itself may end the watch.
+  std::unique_ptr<Ledger::Watch> self;
+  int calls = 0;
+  self = manager->watch("vgw/config/ports/e1", [&](const std::string&, const Json&) {
+    ++calls;
+    self.reset();
+  });
+  config->ports("e1")->speedIs(10);
+  config->ports("e1")->speedIs(11);
+  EXPECT_EQ(calls, 1);
 }
 
 }  // namespace

@@ -7,11 +7,9 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "Hearth/AgentRunner.h"
 #include "LoopRunner.h"
-#include "RingTape/RingTape.h"
 #include "SessionSupport.h"
 #include "Vgw/ErrorReportSm.h"
 #include "Vgw/VgwAgent.h"
@@ -39,9 +37,6 @@ class AgentTest : public testing::Test {
     unsetenv("RINGTAPE_DISABLE");
     setenv("RINGTAPEDIR", dir.c_str(), 1);
     setenv("VGW_TAPELOCK_FILEPATH", lockFile().c_str(), 1);
-    setenv("VGW_TRACE", "VgwAgent/6", 1);
-    RingTape::reloadLevels();
-    RingTape::streamIs(&traces);
     freshLocalData();
     for (const auto* mounts : {&localMounts(), &serviceMounts()}) {
       for (const Ledger::Mount& m : *mounts)
@@ -54,9 +49,7 @@ class AgentTest : public testing::Test {
   ~AgentTest() override {
     agent = nullptr;
     RingTape::close();
-    RingTape::streamIs(nullptr);
-    unsetenv("VGW_TRACE");
-    RingTape::reloadLevels();
+    unsetenv("RINGTAPE_DISABLE");
     fs::remove_all(dir);
   }
 
@@ -71,9 +64,9 @@ class AgentTest : public testing::Test {
   }
   void runUntilRoot() { ASSERT_TRUE(loop.runUntil([&] { return agent->rootSm() != nullptr; })); }
 
+  TraceCapture traces{"VgwAgent/6"};
   LoopRunner loop;
   fs::path dir;
-  std::ostringstream traces;
   Hearth::AgentRunner runner{agentName};
   Json document;
   Kiln::Ptr<Status> status;
@@ -129,16 +122,6 @@ TEST_F(AgentTest, RingTapeDisabledTouchesNoLockFile) {
   EXPECT_TRUE(agent->tapeLockFilePath().empty());
   EXPECT_FALSE(RingTape::isOpen());
   EXPECT_FALSE(fs::exists(lockFile()));
-  unsetenv("RINGTAPE_DISABLE");
-}
-
-TEST_F(AgentTest, WithoutRingTapeDirTheTapeIsNamedByProcess) {
-  unsetenv("RINGTAPEDIR");
-  start();
-  const std::string expected = "/tmp/" + std::string(agentName) + "-" + std::to_string(getpid()) + ".tape";
-  EXPECT_EQ(RingTape::ringPath(), expected);
-  RingTape::close();
-  fs::remove(expected);
 }
 
 TEST_F(AgentTest, RunningLeftSetIsClearedBeforeTheStart) {
@@ -155,8 +138,7 @@ TEST_F(AgentTest, AgentThatMayNotRunWaitsToDieWithoutPublishing) {
   for (int turn = 0; turn < 5; ++turn) loop.settle();
   EXPECT_TRUE(agent->exiting());
   EXPECT_EQ(running.values, std::vector<bool>{false});
-  EXPECT_NE(traces.str().find("Config: 0 Controller Status: 1 ClusterStatus: 1 Waiting to die."), std::string::npos)
-      << traces.str();
+  EXPECT_TRUE(traces.contains("Config: 0 Controller Status: 1 ClusterStatus: 1 Waiting to die.")) << traces.text();
   ASSERT_EQ(exitReasons.size(), 1u);
   EXPECT_NE(exitReasons[0].find("enableAgent is false"), std::string::npos) << exitReasons[0];
   // Hooks called anyway publish and mount nothing.
@@ -166,28 +148,6 @@ TEST_F(AgentTest, AgentThatMayNotRunWaitsToDieWithoutPublishing) {
   EXPECT_FALSE(agent->fleetStoreService());
   EXPECT_FALSE(agent->serviceEntityManager());
   EXPECT_FALSE(agent->rootSm());
-}
-
-TEST(LogCatalogue, EveryMessageGoesOutWithItsArguments) {
-  Kiln::logSyslogIs(false);
-  std::ostringstream out;
-  Kiln::logStreamIs(&out);
-  for (int i = 0; i < 3; ++i) Kiln::log(KXT_VGW_MANAGER_CONNECTED, "ssl:192.0.2.10:6640");
-  Kiln::log(KXT_VGW_IP_PORT_ERROR, "leaf1", "lr1", "Ethernet1", "no resources");
-  Kiln::logStreamIs(nullptr);
-  Kiln::logSyslogIs(true);
-  const std::string text = out.str();
-  std::size_t connected = 0;
-  for (std::size_t at = 0; (at = text.find("KXT_VGW_MANAGER_CONNECTED informational: Network virtualization "
-                                           "controller ssl:192.0.2.10:6640 is connected to OVSDB",
-                                           at)) != std::string::npos;
-       ++at) {
-    ++connected;
-  }
-  EXPECT_EQ(connected, 3u) << text;
-  EXPECT_NE(text.find("KXT_VGW_IP_PORT_ERROR warning: [ leaf1 ]: lr1: Ethernet1: no resources"), std::string::npos)
-      << text;
-  EXPECT_EQ(text.find("<missing>"), std::string::npos);
 }
 
 }  // namespace

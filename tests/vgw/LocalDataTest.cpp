@@ -1,8 +1,7 @@
 // LocalData: what a session's end clears and what it keeps, the order in
-// which reactors hear of it, the local MAC tables and the shutdown dump.
+// which reactors hear of it, and the local MAC tables.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -96,30 +95,6 @@ TEST(LocalDataDeathTest, aLocalMacRowIsMadeOnceAndAnotherUuidForItIsABreach) {
   auto unknownDst = mcastTable->mcastMacsLocalIs(rowId(8), Ipkit::EthAddr());
   EXPECT_EQ(mcastTable->mcastMacsLocalIs(rowId(8), Ipkit::EthAddr()), unknownDst);
   EXPECT_DEATH(mcastTable->mcastMacsLocalIs(rowId(80), Ipkit::EthAddr()), "re-instantiated under another uuid");
-}
-
-TEST(LocalData, theDumpNamesEveryAttributeButTheInventoryFlagInOrder) {
-  auto data = Kiln::newPtr<LocalData>();
-  fill(*data);
-  std::ostringstream os;
-  data->dump(os);
-  const std::string text = os.str();
-
-  EXPECT_EQ(text.rfind("Dump LocalData: ", 0), 0u) << text;
-  std::size_t at = 0;
-  for (const char* label :
-       {" remoteHostTable: ", " vniToLogicalSwitch: ", " nvpInternalLogicalSwitch: ", " delNvpInternalLogicalSwitch: ",
-        " uplinkPortVlanTable: ", " switchBindingDirty: ", " transitVni: ", " transitVniDirty: ", " tunnelDirty: ",
-        " errorReportDirty: ", " localLocator: ", " ucastMacsLocalTable: ", " mcastMacsLocalTable: ",
-        " physicalSwitch: ", " monitorUpdateComplete: ", " mgrConverged: ", " lastMsgSentDetail: ",
-        " ovsdbSynchronized: ", " transactCounter: "}) {
-    const std::size_t found = text.find(label, at);
-    ASSERT_NE(found, std::string::npos) << label << " missing or out of order in " << text;
-    at = found;
-  }
-  EXPECT_EQ(text.find("inventoryDirty"), std::string::npos);
-  EXPECT_NE(text.find(" mgrConverged: \"mgrWaiting\""), std::string::npos);
-  EXPECT_NE(text.find(rowId(5).stringValue().stringValue()), std::string::npos);
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
 // Rows between the mirror and the database's JSON: what the server holds
 // reads into the mirror and, for the tables the agent writes, marshals back
-// to the same values; reconciliation in place; the schema contract; the
-// conversions and the locator lookups the writers share.
+// to the same values; reconciliation in place; the schema contract; bad
+// values; the locator lookups the writers share.
 #include <gtest/gtest.h>
 
 #include <map>
-#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "Kiln/Exception.h"
@@ -16,31 +16,6 @@ namespace Vgw::Test {
 namespace {
 
 using Ipkit::IpGenAddr;
-
-Kiln::Ptr<OvsdbDataModel> makeRow(OvsdbDataType type, const Uuid& uuid) {
-  switch (type) {
-    case OvsdbDataType::logicalSwitch: return Kiln::newPtr<LogicalSwitch>(uuid);
-    case OvsdbDataType::logicalBindingStats: return Kiln::newPtr<LogicalBindingStats>(uuid);
-    case OvsdbDataType::physicalPort: return Kiln::newPtr<PhysicalPort>(uuid);
-    case OvsdbDataType::physicalSwitch: return Kiln::newPtr<PhysicalSwitch>(uuid);
-    case OvsdbDataType::physicalLocator: return Kiln::newPtr<PhysicalLocator>(uuid);
-    case OvsdbDataType::physicalLocatorSet: return Kiln::newPtr<PhysicalLocatorSet>(uuid);
-    case OvsdbDataType::ucastMacsRemote: return Kiln::newPtr<UcastMacsRemote>(uuid);
-    case OvsdbDataType::mcastMacsRemote: return Kiln::newPtr<McastMacsRemote>(uuid);
-    case OvsdbDataType::global: return Kiln::newPtr<Global>(uuid);
-    case OvsdbDataType::manager: return Kiln::newPtr<Manager>(uuid);
-    case OvsdbDataType::tunnel: return Kiln::newPtr<Tunnel>(uuid);
-    case OvsdbDataType::logicalRouter: return Kiln::newPtr<LogicalRouter>(uuid);
-    case OvsdbDataType::arpSourcesLocal: return Kiln::newPtr<ArpSourcesLocal>(uuid);
-    case OvsdbDataType::arpSourcesRemote: return Kiln::newPtr<ArpSourcesRemote>(uuid);
-    default: return nullptr;
-  }
-}
-
-template <class Row>
-const Row& as(const Kiln::Ptr<OvsdbDataModel>& row) {
-  return dynamic_cast<const Row&>(*row);
-}
 
 // Everything a controller and an earlier agent could have written, one row
 // or more per mirrored table. Port p2 holds a VLAN out of range.
@@ -92,89 +67,92 @@ constexpr const char* everyTable = R"([
   {"op": "insert", "table": "Arp_Sources_Remote", "uuid-name": "arp", "row": {"src_mac": "00:aa:bb:cc:dd:03",
    "locator": ["named-uuid", "loc2"]}}])";
 
-TEST(VgwMarshal, ServerRowsOfEveryTableReadIntoTheMirrorAndMarshalBack) {
+class VgwMarshal : public ::testing::Test {
+ protected:
+  // Reads the server's row `name` of `table` into a new Row; for a table the
+  // agent writes, expects it to marshal back to the same values.
+  template <class Row>
+  Kiln::Ptr<Row> read(const char* table, const std::string& name, bool roundTrip = true) {
+    Ovs::JsonPtr data = std::move(serverRows(server, table).at(0));
+    for (Ovs::JsonPtr& candidate : serverRows(server, table)) {
+      if (id.contains(name) && rowUuid(candidate.get()) == id.at(name)) data = std::move(candidate);
+    }
+    // The agent monitors only two columns of Manager.
+    for (const char* other : {"inactivity_probe", "max_backoff", "status"}) {
+      if (std::string_view(table) == "Manager") json_destroy(static_cast<json*>(shash_find_and_delete(json_object(data.get()), other)));
+    }
+    auto row = Kiln::newPtr<Row>(rowUuid(data.get()));
+    unmarshal(*row, data.get(), tableOf(schema, table));
+    if constexpr (std::is_base_of_v<OvsdbDataModelMutable, Row>) {
+      if (roundTrip) expectColumnsMatch(tableOf(schema, table), marshal(*row).get(), data.get());
+    }
+    return row;
+  }
+  // The same for the local MAC tables, which are read as their bindings.
+  template <class Row>
+  void readMacLocal(const char* table) {
+    const Ovs::JsonPtr data = std::move(serverRows(server, table).at(0));
+    MacLocBindings b;
+    extractMacLocBindings(data.get(), tableOf(schema, table), b);
+    auto row = Kiln::newPtr<Row>(rowUuid(data.get()), toEthAddr(b.mac));
+    row->logicalSwitchIs(b.logicalSwitch);
+    if constexpr (std::is_same_v<Row, UcastMacsLocal>) {
+      row->locatorIs(b.locator);
+      row->ipAddrIs(toIpGenAddr(b.ipAddr));
+    } else {
+      row->physicalLocatorSetIs(b.locatorSet);
+      EXPECT_TRUE(row->mac().isZero());
+    }
+    EXPECT_EQ(b.logicalSwitch, id.at("ls"));
+    expectColumnsMatch(tableOf(schema, table), marshal(*row).get(), data.get());
+  }
+
   OvsdbServer server;
   const std::map<std::string, Uuid> id = Controller(server).transact(Kiln::Json::parse(everyTable));
   const Ovs::SchemaPtr schema = schemaFromFile();
-  TraceCapture trace("VgwUtils/6");
+};
 
-  std::map<Uuid, Kiln::Ptr<OvsdbDataModel>> read;
-  for (OvsdbDataType type = nextOvsdbDataType(OvsdbDataType::none); type != OvsdbDataType::none;
-       type = nextOvsdbDataType(type)) {
-    const char* name = ovsdbTableName(type);
-    const ovsdb_table_schema& table = tableOf(schema, name);
-    for (const Ovs::JsonPtr& data : serverRows(server, name)) {
-      if (type == OvsdbDataType::manager) {
-        // The agent monitors only these columns of Manager.
-        for (const char* other : {"inactivity_probe", "max_backoff", "status"}) {
-          json_destroy(static_cast<json*>(shash_find_and_delete(json_object(data.get()), other)));
-        }
-      }
-      const Uuid uuid = rowUuid(data.get());
-      Kiln::Ptr<OvsdbDataModelMutable> written;
-      if (type == OvsdbDataType::ucastMacsLocal || type == OvsdbDataType::mcastMacsLocal) {
-        MacLocBindings b;
-        extractMacLocBindings(data.get(), table, b);
-        EXPECT_EQ(b.logicalSwitch, id.at("ls"));
-        if (type == OvsdbDataType::ucastMacsLocal) {
-          auto ucast = Kiln::newPtr<UcastMacsLocal>(uuid, toEthAddr(b.mac));
-          ucast->logicalSwitchIs(b.logicalSwitch);
-          ucast->locatorIs(b.locator);
-          ucast->ipAddrIs(toIpGenAddr(b.ipAddr));
-          EXPECT_TRUE(b.locatorSet.isNull());
-          written = ucast;
-        } else {
-          auto mcast = Kiln::newPtr<McastMacsLocal>(uuid, toEthAddr(b.mac));
-          mcast->logicalSwitchIs(b.logicalSwitch);
-          mcast->physicalLocatorSetIs(b.locatorSet);
-          EXPECT_TRUE(mcast->mac().isZero());
-          EXPECT_TRUE(b.locator.isNull());
-          written = mcast;
-        }
-      } else {
-        Kiln::Ptr<OvsdbDataModel> row = makeRow(type, uuid);
-        ASSERT_TRUE(row) << name;
-        unmarshal(*row, data.get(), table);
-        read.emplace(uuid, row);
-        if (type != OvsdbDataType::logicalBindingStats && uuid != id.at("p2")) {
-          written = Kiln::dynamicPtrCast<OvsdbDataModelMutable>(row);
-        }
-      }
-      if (written) expectColumnsMatch(table, marshal(*written).get(), data.get());
-    }
-  }
+TEST_F(VgwMarshal, ServerRowsOfEveryTableReadIntoTheMirrorAndMarshalBack) {
+  for (const char* name : {"loc1", "loc2"}) read<PhysicalLocator>("Physical_Locator", name);
+  read<PhysicalLocatorSet>("Physical_Locator_Set", "set");
+  read<Tunnel>("Tunnel", "tun");
+  read<PhysicalPort>("Physical_Port", "p1");
+  read<PhysicalSwitch>("Physical_Switch", "sw");
+  read<Manager>("Manager", "mgr");
+  read<Global>("Global", "");
+  read<ArpSourcesLocal>("Arp_Sources_Local", "");
+  readMacLocal<UcastMacsLocal>("Ucast_Macs_Local");
+  readMacLocal<McastMacsLocal>("Mcast_Macs_Local");
 
-  // What only the mirror reads, and what the comparison above skips.
-  const auto& logicalSwitch = as<LogicalSwitch>(read.at(id.at("ls")));
-  EXPECT_EQ(logicalSwitch.displayName(), "blue");
-  EXPECT_EQ(logicalSwitch.desc(), "tenant blue");
-  EXPECT_EQ(logicalSwitch.tunnelKey(), Vxlan::VniOrNone(100));
-  EXPECT_EQ(logicalSwitch.replicationMode(), ReplicationMode::source_node);
-  EXPECT_EQ(logicalSwitch.otherConfig("k"), "v");
-  EXPECT_EQ(as<LogicalBindingStats>(read.at(id.at("stats"))).packetsFromLocal(), 20u);
-  EXPECT_EQ(as<PhysicalLocator>(read.at(id.at("loc2"))).tunnelKey(), 77u);
+  // What only the agent reads.
+  const auto logicalSwitch = read<LogicalSwitch>("Logical_Switch", "ls");
+  EXPECT_EQ(logicalSwitch->desc(), "tenant blue");
+  EXPECT_EQ(logicalSwitch->tunnelKey(), Vxlan::VniOrNone(100));
+  EXPECT_EQ(logicalSwitch->replicationMode(), ReplicationMode::source_node);
+  EXPECT_EQ(logicalSwitch->otherConfig("k"), "v");
+  EXPECT_EQ(read<LogicalBindingStats>("Logical_Binding_Stats", "stats", false)->packetsFromLocal(), 20u);
 
   // A VLAN out of range drops only its own binding.
-  EXPECT_EQ(as<PhysicalPort>(read.at(id.at("p2"))).vlanBinding(),
+  TraceCapture trace("VgwUtils/6");
+  EXPECT_EQ(read<PhysicalPort>("Physical_Port", "p2", false)->vlanBinding(),
             (std::map<Bridging::VlanIdOrNone, Uuid>{{Bridging::VlanIdOrNone(4094), id.at("ls")}}));
   EXPECT_TRUE(trace.contains("Discarding vlan binding with out of range VLAN: 4095")) << trace.text();
 
-  const auto& router = as<LogicalRouter>(read.at(id.at("lr")));
-  EXPECT_EQ(router.switchBinding(Ipkit::IpGenAddrWithMask::parse("10.1.1.1/24")), id.at("ls"));
-  EXPECT_EQ(router.staticRoute(Ipkit::IpGenPrefix::parse("10.2.0.0/16")).nexthop(),
+  const auto router = read<LogicalRouter>("Logical_Router", "lr");
+  EXPECT_EQ(router->switchBinding(Ipkit::IpGenAddrWithMask::parse("10.1.1.1/24")), id.at("ls"));
+  EXPECT_EQ(router->staticRoute(Ipkit::IpGenPrefix::parse("10.2.0.0/16")).nexthop(),
             (std::set<IpGenAddr>{ip("10.1.1.2"), ip("10.1.1.3")}));
   // A next hop that is no address drops alone; the route stands.
-  EXPECT_EQ(router.staticRoute(Ipkit::IpGenPrefix::parse("10.3.0.0/16")).nexthop(), std::set<IpGenAddr>{ip("10.1.1.4")});
+  EXPECT_EQ(router->staticRoute(Ipkit::IpGenPrefix::parse("10.3.0.0/16")).nexthop(), std::set<IpGenAddr>{ip("10.1.1.4")});
 
-  const auto& ucast = as<UcastMacsRemote>(read.at(id.at("ucast")));
-  EXPECT_EQ(ucast.mac(), mac("00:11:22:33:44:55"));
-  EXPECT_EQ(ucast.logicalSwitch(), id.at("ls"));
-  EXPECT_EQ(ucast.physicalLocator(), id.at("loc2"));
-  EXPECT_EQ(ucast.ipAddr(), ip("10.1.1.9"));
-  const auto& mcast = as<McastMacsRemote>(read.at(id.at("mcast")));
-  EXPECT_TRUE(mcast.mac().isZero());
-  EXPECT_EQ(mcast.physicalLocatorSet(), id.at("set"));
-  EXPECT_EQ(as<ArpSourcesRemote>(read.at(id.at("arp"))).locator(), id.at("loc2"));
+  const auto ucast = read<UcastMacsRemote>("Ucast_Macs_Remote", "ucast");
+  EXPECT_EQ(ucast->mac(), mac("00:11:22:33:44:55"));
+  EXPECT_EQ(ucast->physicalLocator(), id.at("loc2"));
+  EXPECT_EQ(ucast->ipAddr(), ip("10.1.1.9"));
+  const auto mcast = read<McastMacsRemote>("Mcast_Macs_Remote", "mcast");
+  EXPECT_TRUE(mcast->mac().isZero());
+  EXPECT_EQ(mcast->physicalLocatorSet(), id.at("set"));
+  EXPECT_EQ(read<ArpSourcesRemote>("Arp_Sources_Remote", "arp")->locator(), id.at("loc2"));
 }
 
 // ---- without a server: rows written here against the installed schema ----
@@ -217,11 +195,9 @@ TEST_F(VgwMarshalRows, UnmarshalChangesOnlyWhatDiffers) {
                                       "port " + rowId(4).hexText().stringValue()}));
 
   // The partial "old" object of a modify leaves the columns it lacks alone.
-  PhysicalSwitch old(rowId(1));
-  unmarshal(old, parseJson(R"({"description": "moved"})").get(), table("Physical_Switch"));
-  EXPECT_EQ(old.desc(), "moved");
-  EXPECT_TRUE(old.displayName().empty());
-  EXPECT_TRUE(old.port().empty());
+  unmarshal(*row, parseJson(R"({"description": "moved"})").get(), table("Physical_Switch"));
+  EXPECT_EQ(row->desc(), "moved");
+  EXPECT_EQ(row->port().size(), 2u);
 }
 
 TEST_F(VgwMarshalRows, TunnelKeyAndUnknownDst) {
@@ -252,24 +228,6 @@ TEST_F(VgwMarshalRows, TunnelKeyAndUnknownDst) {
   EXPECT_EQ(toText(column(marshal(local).get(), "MAC")), R"("unknown-dst")");
 }
 
-TEST_F(VgwMarshalRows, PartialRowsLeaveOutWhatTheyDoNotCarry) {
-  PhysicalSwitch pSwitch(rowId(1));
-  pSwitch.displayNameIs("leaf1");
-  pSwitch.tunnelIs(rowId(2));
-  pSwitch.invalidAttribIs("tunnels", true);
-  const Ovs::JsonPtr written = marshal(pSwitch);
-  EXPECT_EQ(column(written.get(), "tunnels"), nullptr);
-  EXPECT_EQ(toText(column(written.get(), "switch_fault_status")), R"(["set",[]])");
-  EXPECT_EQ(toText(column(written.get(), "name")), R"("leaf1")");
-
-  auto port = Kiln::newPtr<PhysicalPort>(genNamedUuid());
-  port->invalidateAllAttribs();
-  port->invalidAttribDel("vlanBinding");
-  port->vlanBindingIs(Bridging::VlanIdOrNone(7), port->uuid());
-  EXPECT_EQ(toText(marshal(*port).get()),
-            R"({"vlan_bindings":["map",[[7,["named-uuid",")" + port->uuid().stringValue().stringValue() + R"("]]]]})");
-}
-
 TEST_F(VgwMarshalRows, SchemaBreachesAssert) {
   Manager manager(rowId(1));
   EXPECT_DEATH(unmarshal(manager, parseJson(R"({"inactivity_probe": 5000})").get(), table("Manager")),
@@ -287,39 +245,22 @@ TEST_F(VgwMarshalRows, SchemaBreachesAssert) {
   EXPECT_DEATH(marshal(LogicalBindingStats(rowId(6))), literally("0 && \"Not implemented.\""));
 }
 
-TEST(VgwValues, ConversionsOfDatabaseTextAndErrorReplies) {
+TEST(VgwValues, BadAddressesReadAsNoneWithATraceAndErrorRepliesAreTraced) {
   TraceCapture trace("VgwUtils/0+6");
   for (const char* none : {"0.0.0.0", "::", ""}) EXPECT_TRUE(toIpGenAddr(none).isEmpty()) << none;
   EXPECT_EQ(trace.text(), "");
   EXPECT_TRUE(toIpGenAddr("10.0.0.256").isEmpty());
   EXPECT_TRUE(toEthAddr("00:11:22").isZero());
   EXPECT_TRUE(toIntfId("eth1").isEmpty());
-  for (const char* traced : {"Discarding unexpected IP address: 10.0.0.256", "Discarding unexpected MAC Addr: 00:11:22",
-                             "Discarding unexpected port name: eth1"}) {
-    EXPECT_TRUE(trace.contains(traced)) << traced;
-  }
-
-  for (const auto& [text, stripped] : std::map<std::string, std::string>{
-           {"\"a b\"", "a b"}, {"'x'", "x"}, {"\"x'", "\"x'"}, {"\"", "\""}}) {
-    EXPECT_EQ(stripQuotes(text), stripped) << text;
-  }
-  EXPECT_EQ(macToSysid("00:1C:73:00:00:01"), Fleet::SystemId(mac("00:1c:73:00:00:01")));
-  EXPECT_TRUE(macToSysid("not a mac").isZero());
-  EXPECT_EQ(sysidToMac("00:1C:73:00:00:01"), "00:1c:73:00:00:01");
-  for (const auto& [name, ethernet, channel] : std::vector<std::tuple<const char*, bool, bool>>{
-           {"Ethernet3/1", true, false}, {"UnconnectedEthernet1", false, false}, {"Ethernet1.10", false, false},
-           {"Port-Channel10", false, true}, {"Recirc-Channel1", false, false}, {"Ecmp-Channel1", false, false}}) {
-    EXPECT_EQ(isEthernetPort(name), ethernet) << name;
-    EXPECT_EQ(isPortChannel(name), channel) << name;
-  }
-  EXPECT_TRUE(isMlag("Mlag7"));
-  EXPECT_EQ(mlagSwitchName("pairA"), "mlag-pairA");
-
   EXPECT_FALSE(isJsonError(*parseJson(R"({"count": 1})")));
   EXPECT_TRUE(isJsonError(*parseJson(R"({"error": "constraint violation", "details": "duplicate name"})")));
-  EXPECT_TRUE(trace.contains("Json Error found : constraint violationdetails = duplicate name")) << trace.text();
   EXPECT_TRUE(isJsonError(*parseJson(R"({"error": "I/O error", "io-error": "Broken pipe"})")));
-  EXPECT_TRUE(trace.contains("Json Error found : I/O error, Broken pipe")) << trace.text();
+  for (const char* traced : {"Discarding unexpected IP address: 10.0.0.256", "Discarding unexpected MAC Addr: 00:11:22",
+                             "Discarding unexpected port name: eth1",
+                             "Json Error found : constraint violationdetails = duplicate name",
+                             "Json Error found : I/O error, Broken pipe"}) {
+    EXPECT_TRUE(trace.contains(traced)) << traced << " in " << trace.text();
+  }
 }
 
 TEST(VgwBuilders, LocatorSetsMatchExactlyTheirAddresses) {

@@ -10,108 +10,82 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
 
 #include "SessionSupport.h"
 
 namespace Vgw::Test {
 namespace {
 
-constexpr const char* blueUuid = "00000000-0000-0000-8000-000000000001";
-constexpr const char* greenUuid = "00000000-0000-0000-8000-000000000002";
-constexpr const char* foreignUuid = "00000000-0000-0000-8000-000000000003";
-
-struct RpcClose {
-  void operator()(jsonrpc* r) const { ovsc_jsonrpc_close(r); }
-};
+// A monitor update adding logical switch `n`.
+json* logicalSwitch(unsigned n, int vni) {
+  return parseJson(R"({"Logical_Switch": {")" + rowId(n).stringValue().stringValue() + R"(": {"new": {"name": "ls", "tunnel_key": )" +
+                   std::to_string(vni) + "}}}}")
+      .release();
+}
 
 // The peer's side, in the child: every exit status but 0 names the step
 // that went wrong. Waits are bounded so that a broken agent fails the test
 // instead of leaving a process behind.
-class ScriptedServer {
- public:
-  [[noreturn]] static void run(const std::string& path) {
-    stream* s = nullptr;
-    const std::string target = "unix:" + path;
-    for (int attempt = 0; attempt < 2000 && !s; ++attempt) {
-      if (ovsc_jsonrpc_stream_open_block(target.c_str(), 0, 1000, &s) != 0) usleep(10000);
-    }
-    if (!s) _exit(10);
-    ScriptedServer server(ovsc_jsonrpc_open(s));
-    server.script();
+[[noreturn]] void scriptedServer(const std::string& path) {
+  stream* s = nullptr;
+  for (int attempt = 0; attempt < 2000 && ovsc_jsonrpc_stream_open_block(("unix:" + path).c_str(), 0, 1000, &s); ++attempt) {
+    usleep(10000);
   }
-
- private:
-  explicit ScriptedServer(jsonrpc* rpc) : rpc_(rpc) {}
-
-  Ovs::JsonRpcMsgPtr receive() {
+  if (!s) _exit(10);
+  jsonrpc* rpc = ovsc_jsonrpc_open(s);
+  const auto check = [](bool ok, int step) {
+    if (!ok) _exit(step);
+  };
+  const auto receive = [&]() -> Ovs::JsonRpcMsgPtr {
     for (int waited = 0; waited < 200; ++waited) {
       jsonrpc_msg* msg = nullptr;
-      const int error = ovsc_jsonrpc_recv(rpc_.get(), &msg);
+      const int error = ovsc_jsonrpc_recv(rpc, &msg);
       if (!error) return Ovs::JsonRpcMsgPtr(msg);
       if (error != EAGAIN) return nullptr;
-      ovsc_jsonrpc_run(rpc_.get());
-      pollfd fd{ovsc_stream_get_fd(ovsc_jsonrpc_get_stream(rpc_.get())), POLLIN, 0};
+      ovsc_jsonrpc_run(rpc);
+      pollfd fd{ovsc_stream_get_fd(ovsc_jsonrpc_get_stream(rpc)), POLLIN, 0};
       poll(&fd, 1, 100);
     }
     return nullptr;
-  }
-
-  Ovs::JsonRpcMsgPtr request(const char* method, int failure) {
+  };
+  const auto request = [&](const char* method, int step) {
     Ovs::JsonRpcMsgPtr msg = receive();
-    if (!msg || ovsc_jsonrpc_msg_type(msg.get()) != OVSC_JSONRPC_REQUEST ||
-        std::string_view(ovsc_jsonrpc_msg_method(msg.get())) != method) {
-      _exit(failure);
-    }
+    check(msg && ovsc_jsonrpc_msg_type(msg.get()) == OVSC_JSONRPC_REQUEST &&
+              std::string_view(ovsc_jsonrpc_msg_method(msg.get())) == method,
+          step);
     return msg;
+  };
+
+  const Ovs::JsonRpcMsgPtr getSchema = request("get_schema", 11);
+  check(!ovsc_jsonrpc_send_block(rpc, ovsc_jsonrpc_create_reply(json_from_file("/usr/share/openvswitch/vtep.ovsschema"),
+                                                                 ovsc_jsonrpc_msg_id(getSchema.get()))),
+        12);
+  const Ovs::JsonRpcMsgPtr monitor = request("monitor", 13);
+  // A reply to a request the agent never made.
+  const Ovs::JsonPtr foreignId(json_integer_create(999999));
+  check(!ovsc_jsonrpc_send_block(rpc, ovsc_jsonrpc_create_reply(logicalSwitch(3, 5003), foreignId.get())), 14);
+
+  json* echoId = nullptr;
+  const Ovs::JsonPtr ping = parseJson(R"(["ping", 7, {"k": [1]}])");
+  check(!ovsc_jsonrpc_send_block(rpc, ovsc_jsonrpc_create_request("echo", json_clone(ping.get()), &echoId)), 15);
+  const Ovs::JsonRpcMsgPtr echoReply = receive();
+  check(echoReply && ovsc_jsonrpc_msg_type(echoReply.get()) == OVSC_JSONRPC_REPLY &&
+            json_equal(ovsc_jsonrpc_msg_id(echoReply.get()), echoId) &&
+            json_equal(ovsc_jsonrpc_msg_result(echoReply.get()), ping.get()),
+        16);
+
+  check(!ovsc_jsonrpc_send_block(rpc, ovsc_jsonrpc_create_reply(logicalSwitch(1, 5001), ovsc_jsonrpc_msg_id(monitor.get()))),
+        17);
+  // An update notification: a message without an id, written as it stands.
+  const std::string update = std::string(R"({"id": null, "method": "update", "params": [null, )") +
+                             toText(Ovs::JsonPtr(logicalSwitch(2, 5002)).get()) + "]}";
+  const int fd = ovsc_stream_get_fd(ovsc_jsonrpc_get_stream(rpc));
+  check(write(fd, update.data(), update.size()) == static_cast<ssize_t>(update.size()), 18);
+  // The agent closes the connection when it is done.
+  while (receive()) {
   }
-
-  void send(jsonrpc_msg* msg, int failure) {
-    if (ovsc_jsonrpc_send_block(rpc_.get(), msg) != 0) _exit(failure);
-  }
-
-  static json* logicalSwitch(const char* uuid, const char* name, int vni) {
-    return parseJson(std::string(R"({"Logical_Switch": {")") + uuid + R"(": {"new": {"name": ")" + name +
-                     R"(", "tunnel_key": )" + std::to_string(vni) + "}}}}")
-        .release();
-  }
-
-  [[noreturn]] void script() {
-    const Ovs::JsonRpcMsgPtr getSchema = request("get_schema", 11);
-    send(ovsc_jsonrpc_create_reply(json_from_file("/usr/share/openvswitch/vtep.ovsschema"),
-                                   ovsc_jsonrpc_msg_id(getSchema.get())),
-         12);
-    const Ovs::JsonRpcMsgPtr monitor = request("monitor", 13);
-
-    // A reply to a request the agent never made.
-    const Ovs::JsonPtr foreignId(json_integer_create(999999));
-    send(ovsc_jsonrpc_create_reply(logicalSwitch(foreignUuid, "foreign", 5003), foreignId.get()), 14);
-
-    json* echoId = nullptr;
-    send(ovsc_jsonrpc_create_request("echo", parseJson(R"(["ping", 7, {"k": [1]}])").release(), &echoId), 15);
-    const Ovs::JsonPtr echoIdOwned(echoId);
-    const Ovs::JsonRpcMsgPtr echoReply = receive();
-    if (!echoReply || ovsc_jsonrpc_msg_type(echoReply.get()) != OVSC_JSONRPC_REPLY ||
-        !json_equal(ovsc_jsonrpc_msg_id(echoReply.get()), echoId) ||
-        !json_equal(ovsc_jsonrpc_msg_result(echoReply.get()), parseJson(R"(["ping", 7, {"k": [1]}])").get())) {
-      _exit(16);
-    }
-
-    send(ovsc_jsonrpc_create_reply(logicalSwitch(blueUuid, "blue", 5001), ovsc_jsonrpc_msg_id(monitor.get())), 17);
-    // An update notification: a message without an id, written as it stands.
-    const std::string update = std::string(R"({"id": null, "method": "update", "params": [null, )") +
-                               toText(Ovs::JsonPtr(logicalSwitch(greenUuid, "green", 5002)).get()) + "]}";
-    const int fd = ovsc_stream_get_fd(ovsc_jsonrpc_get_stream(rpc_.get()));
-    if (write(fd, update.data(), update.size()) != static_cast<ssize_t>(update.size())) _exit(18);
-
-    // The agent closes the connection when it is done.
-    while (receive()) {
-    }
-    _exit(0);
-  }
-
-  std::unique_ptr<jsonrpc, RpcClose> rpc_;
-};
+  _exit(0);
+}
 
 TEST(VgwPassiveSession, ListensForTheServerAnswersItsEchoAndDropsForeignReplies) {
   freshLocalData();
@@ -120,17 +94,17 @@ TEST(VgwPassiveSession, ListensForTheServerAnswersItsEchoAndDropsForeignReplies)
   const std::string path = std::string(dir) + "/agent.sock";
   const pid_t child = fork();
   ASSERT_GE(child, 0);
-  if (child == 0) ScriptedServer::run(path);
+  if (child == 0) scriptedServer(path);
   {
     LoopRunner runner;
     SessionRoot root("punix:" + path);
     // Blocks until the peer has connected and delivered the schema.
     root.enable();
     EXPECT_EQ(root.state(), SessionState::stateConnecting);
-    EXPECT_TRUE(runner.runUntil([&] { return root.ovsdb->logicalSwitch(Uuid::parse(greenUuid)) != nullptr; }));
+    EXPECT_TRUE(runner.runUntil([&] { return root.ovsdb->logicalSwitch(rowId(2)) != nullptr; }));
     EXPECT_EQ(root.state(), SessionState::stateConnected);
-    EXPECT_TRUE(root.ovsdb->logicalSwitch(Uuid::parse(blueUuid)));
-    EXPECT_FALSE(root.ovsdb->logicalSwitch(Uuid::parse(foreignUuid)));
+    EXPECT_TRUE(root.ovsdb->logicalSwitch(rowId(1)));
+    EXPECT_FALSE(root.ovsdb->logicalSwitch(rowId(3)));
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);

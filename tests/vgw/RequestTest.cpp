@@ -1,6 +1,5 @@
 // Request objects without a server: the transaction message, the replies
-// that are refused whole and those that break the agent's bookkeeping, and
-// the request queue.
+// that are refused whole and those that break the agent's bookkeeping.
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
@@ -144,32 +143,6 @@ TEST(VgwTransactMessage, OperationsGoOutInTransactionOrder) {
   EXPECT_EQ(sent, (std::vector<std::string>{"insert Tunnel", "insert Physical_Switch", "delete Physical_Switch",
                                             "update Global", "insert Ucast_Macs_Local"}));
   EXPECT_STREQ(json_string(column(params->elems[1], "uuid-name")), tunnel->uuid().stringValue().charPtr());
-
-  OvsdbCancelRequest cancel;
-  cancel.monitorIdIs(parseJson(R"(["id", 7])"));
-  const Ovs::JsonRpcMsgPtr cancelMsg(cancel.toJsonMsg());
-  EXPECT_STREQ(ovsc_jsonrpc_msg_method(cancelMsg.get()), "monitor_cancel");
-  EXPECT_EQ(toText(ovsc_jsonrpc_msg_params(cancelMsg.get())), R"([["id",7]])");
-}
-
-TEST(VgwRequestQueue, MembersAreNumberedAndEveryChangeNotifies) {
-  struct Watcher : OvsdbRequestQueue::NotifieeConst {
-    std::vector<std::uint32_t> seen;
-    void onRequest(std::uint32_t index) override { seen.push_back(index); }
-  };
-  auto queue = Kiln::newPtr<OvsdbRequestQueue>();
-  Watcher watcher;
-  watcher.notifierIs(queue);
-  auto first = Kiln::newPtr<OvsdbTransactRequest>();
-  auto second = Kiln::newPtr<OvsdbMonitorRequest>();
-  queue->requestEnq(first);
-  queue->requestEnq(second);
-  EXPECT_EQ(queue->requestDeq(), first);
-  EXPECT_EQ(queue->requestDeq(), second);
-  EXPECT_EQ(queue->requestDeq(), nullptr);
-  queue->requestEnq(first);
-  EXPECT_EQ(queue->toJson()["request"]["3"]["type"], "transact");
-  EXPECT_EQ(watcher.seen, (std::vector<std::uint32_t>{1, 2, 1, 2, 3}));
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "Vgw/HwVtepRequestHandlerSm.h"
 #include "Vgw/RemoteHostSm.h"
 #include "Vgw/VgwClientSm.h"
+#include "Vgw/VgwUtils.h"
 #include "entities/OverlaySvc.h"
 
 namespace Vgw::Test {
@@ -109,6 +110,44 @@ class SessionRoot : public RootSmInterface {
   Watch watch_{*this};
   Teardown teardown_{*this};
 };
+
+// The agent's inventory as one transaction on `ovsdb`: switch "leaf1" with
+// two ports bound to `ls`, behind VTEP 10.0.0.1; two local MACs on `ls`
+// sharing that VTEP's new locator; the unknown-dst row on a new locator set
+// of 10.0.0.1 and 10.0.0.2; and a partial update of Global naming the switch.
+inline Kiln::Ptr<OvsdbTransactRequest> agentInventory(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Uuid& ls) {
+  auto tx = Kiln::newPtr<OvsdbTransactRequest>();
+  tx->ovsdbIs(ovsdb);
+  auto pSwitch = Kiln::newPtr<PhysicalSwitch>(genNamedUuid());
+  pSwitch->displayNameIs("leaf1");
+  for (unsigned i = 1; i <= 2; ++i) {
+    auto port = Kiln::newPtr<PhysicalPort>(genNamedUuid());
+    port->displayNameIs("Ethernet" + std::to_string(i));
+    port->vlanBindingIs(Bridging::VlanIdOrNone(10 * i), ls);
+    tx->opEnq(buildInsert(port));
+    pSwitch->portIs(port->uuid());
+  }
+  pSwitch->tunnelIpIs(ip("10.0.0.1"));
+  pSwitch->systemIdIs(Fleet::SystemId::parse("00:1c:73:00:00:01"));
+  tx->opEnq(buildInsert(pSwitch));
+  for (const char* address : {"00:aa:00:00:00:01", "00:aa:00:00:00:02"}) {
+    auto row = Kiln::newPtr<UcastMacsLocal>(genNamedUuid(), mac(address));
+    row->logicalSwitchIs(ls);
+    row->locatorIs(getPhysicalLocator(*ovsdb, ip("10.0.0.1"), *tx)->uuid());
+    row->ipAddrIs(ip("10.1.1.5"));
+    tx->opEnq(buildInsert(row));
+  }
+  auto flood = Kiln::newPtr<McastMacsLocal>(genNamedUuid(), Ipkit::EthAddr());
+  flood->logicalSwitchIs(ls);
+  flood->physicalLocatorSetIs(getPhysicalLocatorSet(*ovsdb, {ip("10.0.0.1"), ip("10.0.0.2")}, *tx)->uuid());
+  tx->opEnq(buildInsert(flood));
+  auto global = Kiln::newPtr<Global>(ovsdb->root().begin()->first);
+  global->pSwitchIs(pSwitch->uuid());
+  global->invalidAttribIs("manager", true);
+  global->invalidAttribIs("otherConfig", true);
+  tx->opEnq(buildUpdate(global->uuid(), global));
+  return tx;
+}
 
 // Returns the process-wide working data to a fresh process's state,
 // including what reset() keeps across sessions.

@@ -117,9 +117,9 @@ class TraceCapture {
   std::string text() const { return stream_.str(); }
   bool contains(std::string_view part) const { return count(part) > 0; }
   std::size_t count(std::string_view part) const {
-    const std::string all = stream_.str();
+    const std::string text = stream_.str();
     std::size_t n = 0;
-    for (std::size_t at = all.find(part); at != std::string::npos; at = all.find(part, at + 1)) ++n;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
     return n;
   }
 

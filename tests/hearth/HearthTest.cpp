@@ -301,7 +301,7 @@ class ServiceAgentTest : public HearthTest {
   Hearth::AgentRunner runner{"Vgw"};
 };
 
-TEST_F(ServiceAgentTest, theWholeStartRunsInOrderOnLaterTurns) {
+TEST_F(ServiceAgentTest, theWholeStartRunsInOrderOnLaterTurnsAndAStopSignalLeavesTheAgentsState) {
   // A switch that reported before the agent came, and its configuration
   // published by the agent's previous life.
   runner.localEntityManager()->loadDocument(Json::parse(R"({
@@ -325,11 +325,7 @@ TEST_F(ServiceAgentTest, theWholeStartRunsInOrderOnLaterTurns) {
   // The service is the agent's one service.
   EXPECT_THROW(agent->fleetStoreServiceIs("Other", agent->serviceEntityManager(), runner.localEntityManager()),
                Fleet::ServiceError);
-}
 
-TEST_F(ServiceAgentTest, aStopSignalEndsTheLoopAndLeavesTheAgentsState) {
-  auto agent = start();
-  turns(5);
   agent->status_->runningIs(true);
   const Json before = runner.localEntityManager()->read("");
   runner.stopOnSignals();

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -29,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using RingTape::LevelSpec;
-using Lines = std::vector<std::string>;
+using Seen = std::vector<std::string>;
 using namespace std::string_literals;
 
 RINGTAPE_HANDLE("VgwTraceTest");
@@ -69,15 +68,15 @@ class RingTapeTest : public ::testing::Test {
     EXPECT_TRUE(contents) << error;
     return contents ? contents->records : std::vector<RingTape::Record>{};
   }
-  static Lines messagesOf(const std::vector<RingTape::Record>& records) {
-    Lines messages;
+  static Seen messagesOf(const std::vector<RingTape::Record>& records) {
+    Seen messages;
     for (const auto& record : records) messages.push_back(record.message);
     return messages;
   }
   std::string pathOf(const std::string& name) const { return dir + "/" + name; }
 
-  Lines streamed() const {
-    Lines lines;
+  Seen streamed() const {
+    Seen lines;
     std::istringstream in(captured.str());
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
@@ -109,11 +108,9 @@ TEST(Levels, FirstMatchingEntryDecidesItemsCombineAndMalformedTextNamesTheFault)
 
   const std::pair<const char*, const char*> malformed[] = {
       {"VgwRoot/12", "level \"12\" is not a digit"}, {"VgwRoot/6-3", "runs backwards"},
-      {"VgwRoot/", "level \"\" is not a digit"},     {"VgwRoot/1+", "level \"\" is not a digit"},
-      {"VgwRoot/a-b", "level \"a-b\""},             {"VgwRoot/1-2-3", "level \"1-2-3\""},
-      {"A/1,,B/2", "empty entry"},                   {"A/1,", "empty entry"},
-      {"/3", "has no handle name"},                  {"Vg*x/1", "handle pattern \"Vg*x\""},
-      {"Vgw Root/1", "handle pattern \"Vgw Root\""}, {"**/1", "handle pattern \"**\""},
+      {"VgwRoot/1+", "level \"\" is not a digit"},   {"VgwRoot/1-2-3", "level \"1-2-3\""},
+      {"A/1,,B/2", "empty entry"},                   {"/3", "has no handle name"},
+      {"Vg*x/1", "handle pattern \"Vg*x\""},         {"**/1", "handle pattern \"**\""},
   };
   for (const auto& [text, fault] : malformed) {
     std::string error;
@@ -143,7 +140,7 @@ TEST_F(Trace, VariablesSelectLevelsPerHandleAndAMalformedOneWarnsAndKeepsTheDefa
   EXPECT_EQ(ringTapeHandle_.streamLevels(), 0);
   EXPECT_EQ(ringTapeHandle_.ringLevels(), 0x7f);
   const std::string fault = "is not a digit 0-9, a range such as 0-6, '*' or 'none'; using ";
-  EXPECT_EQ(streamed(), (Lines{"ringtape: ignoring VGW_TRACE=\"VgwTraceTest/0-12\": entry \"VgwTraceTest/0-12\": "
+  EXPECT_EQ(streamed(), (Seen{"ringtape: ignoring VGW_TRACE=\"VgwTraceTest/0-12\": entry \"VgwTraceTest/0-12\": "
                                "level \"0-12\" " + fault + "no levels",
                                "ringtape: ignoring VGW_RINGTAPE_LEVELS=\"VgwTraceTest/x\": entry \"VgwTraceTest/x\": "
                                "level \"x\" " + fault + "\"*/0-6\""}));
@@ -167,8 +164,8 @@ TEST_F(Trace, StreamIsEvaluatedOnlyForAnEnabledOpenTape) {
   VGW_TRACE(7, "value " << counted());
   VGW_TRACE_RING(5, "ring only");
   EXPECT_EQ(evaluations, 3);
-  EXPECT_EQ(messagesOf(readBack()), (Lines{"value 2", "value 3", "ring only"}));
-  const Lines lines = streamed();
+  EXPECT_EQ(messagesOf(readBack()), (Seen{"value 2", "value 3", "ring only"}));
+  const Seen lines = streamed();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_TRUE(lines[0].ends_with(" value 1"));
   EXPECT_TRUE(lines[1].ends_with(" value 3"));
@@ -209,7 +206,7 @@ TEST_F(Trace, TraceInsideATraceAndFormattingDoNotLeak) {
   levelsAre("VgwTraceTest/6-7", "");
   VGW_TRACE(6, std::hex << 255 << " " << describedWithTrace(10) << " " << 16);
   VGW_TRACE(6, 255 << " " << 1.0 / 3);
-  const Lines lines = streamed();
+  const Seen lines = streamed();
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_TRUE(lines[0].ends_with(" describing 10")) << lines[0];
   EXPECT_TRUE(lines[1].ends_with(" ff described 10 10")) << lines[1];
@@ -222,12 +219,9 @@ TEST_F(Trace, BlockTimerTracesElapsedTimeAtScopeEnd) {
   levelsAre("VgwTraceTest/5", "");
   {
     VGW_TRACE_BLOCK_TIME(5, "handleRefresh");
+    VGW_TRACE_BLOCK_TIME(6, "handleQuiet");
     clock.advance(0.0125);
     EXPECT_TRUE(captured.str().empty());
-  }
-  {
-    VGW_TRACE_BLOCK_TIME(6, "handleQuiet");
-    clock.advance(1.0);
   }
   EXPECT_EQ(captured.str().substr(captured.str().find(" handleRefresh")), " handleRefresh took 12.500 ms\n");
 }
@@ -265,7 +259,7 @@ TEST_F(RingFile, RecordsComeBackInWritingOrderAcrossLevelsAndLongOnesAreCutAtACh
   ASSERT_TRUE(contents) << error;
   EXPECT_EQ(contents->pid, getpid());
   const auto& records = contents->records;
-  EXPECT_EQ(messagesOf(records), (Lines{"handleEnable", "hard error 7", "Session State: s", "Session State: "}));
+  EXPECT_EQ(messagesOf(records), (Seen{"handleEnable", "hard error 7", "Session State: s", "Session State: "}));
   ASSERT_EQ(records.size(), 4u);
   const int levels[] = {5, 0, 6, 6};
   const int lines[] = {line, line + 1, line + 3, line + 4};
@@ -282,24 +276,17 @@ TEST_F(RingFile, RecordsComeBackInWritingOrderAcrossLevelsAndLongOnesAreCutAtACh
 }
 
 TEST_F(RingFile, FullRegionKeepsTheNewestRecordsAndSparesOtherLevels) {
-  RingTape::LevelSizes sizes{};
-  sizes[0] = 4;
-  sizes[6] = 4;
-  ASSERT_TRUE(openRing("Test-%d.tape", sizes));
+  ASSERT_TRUE(openRing("Test-%d.tape", {4, 0, 0, 0, 0, 0, 4}));
   VGW_TRACE(0, "the one hard error");
   for (int i = 0; i < 1000; ++i) VGW_TRACE(6, "event " << i << std::string(i % 90, '.'));
   VGW_TRACE(5, "level without a region");
 
-  const auto records = readBack();
-  ASSERT_GT(records.size(), 20u);
-  EXPECT_EQ(records[0].message, "the one hard error");
+  const Seen messages = messagesOf(readBack());
+  ASSERT_GT(messages.size(), 20u);
+  EXPECT_EQ(messages[0], "the one hard error");
   // The survivors of level 6 are exactly the last ones written, in order.
-  const std::size_t survivors = records.size() - 1;
-  for (std::size_t i = 0; i < survivors; ++i) {
-    const int expected = 1000 - static_cast<int>(survivors) + static_cast<int>(i);
-    EXPECT_EQ(records[i + 1].message,
-              "event " + std::to_string(expected) + std::string(expected % 90, '.'));
-  }
+  for (std::size_t i = 1, first = 1001 - messages.size(); i < messages.size(); ++i)
+    EXPECT_EQ(messages[i], "event " + std::to_string(first + i - 1) + std::string((first + i - 1) % 90, '.'));
 }
 
 TEST_F(RingFile, ReaderSkipsADamagedRecordAndRefusesWhatIsNotARingFile) {
@@ -316,45 +303,29 @@ TEST_F(RingFile, ReaderSkipsADamagedRecordAndRefusesWhatIsNotARingFile) {
     file.seekp(4096 + 2 * 64 + 50);
     file.put('#');
   }
-  EXPECT_EQ(messagesOf(readBack(path)), (Lines{"first", "third"}));
+  EXPECT_EQ(messagesOf(readBack(path)), (Seen{"first", "third"}));
 
   std::string error;
   fs::resize_file(path, 4096 + 1024);
   EXPECT_FALSE(RingTape::readRingFile(path, &error));
   EXPECT_NE(error.find("lies outside the file"), std::string::npos) << error;
-  std::ofstream(pathOf("short")) << "RINGTAPE";
-  EXPECT_FALSE(RingTape::readRingFile(pathOf("short"), &error));
-  EXPECT_NE(error.find("is too short"), std::string::npos) << error;
   EXPECT_FALSE(RingTape::readRingFile(pathOf("absent"), &error));
   EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
 }
 
-TEST_F(RingFile, DisabledOrInvalidRingStaysClosed) {
+TEST_F(RingFile, ADisabledOrInvalidRingStaysClosedAndSaysWhy) {
   setenv("RINGTAPE_DISABLE", "", 1);
   EXPECT_FALSE(openRing());
   EXPECT_TRUE(fs::is_empty(dir));
   EXPECT_TRUE(captured.str().empty());
   unsetenv("RINGTAPE_DISABLE");
-
-  RingTape::LevelSizes tooSmall = agentSizes;
-  tooSmall[3] = 2;
-  EXPECT_FALSE(openRing("Test-%d.tape", tooSmall));
-  EXPECT_FALSE(openRing("Test-%d.tape", agentSizes, 0));
-  EXPECT_FALSE(openRing("sub/Test.tape"));
-  EXPECT_FALSE(openRing(nullptr));
+  EXPECT_FALSE(openRing("Test-%d.tape", {32, 32, 32, 2}));
   setenv("RINGTAPEDIR", (dir + "/missing").c_str(), 1);
   EXPECT_FALSE(openRing());
-  EXPECT_FALSE(RingTape::isOpen());
   EXPECT_FALSE(VGW_TRACE_ENABLED(6));
-  VGW_TRACE(6, "goes nowhere");
-
-  const std::string warnings = captured.str();
-  for (const std::string& fault : Lines{
-           "level 3 size 2 KiB is outside 4 to 65536 KiB", "must be 1 to 4096 bytes, not 0",
-           "\"sub/Test.tape\" must be a plain", "cannot create " + dir + "/missing/"}) {
-    EXPECT_NE(warnings.find(fault), std::string::npos) << fault << " in:\n" << warnings;
-  }
-  EXPECT_EQ(std::count(warnings.begin(), warnings.end(), '\n'), 5);
+  EXPECT_EQ(streamed().size(), 2u);
+  EXPECT_NE(captured.str().find("level 3 size 2 KiB is outside 4 to 65536 KiB"), std::string::npos) << captured.str();
+  EXPECT_NE(captured.str().find("cannot create " + dir + "/missing/"), std::string::npos) << captured.str();
 }
 
 TEST_F(RingFile, EarlierTapeIsReplacedOrSetAside) {
@@ -366,14 +337,14 @@ TEST_F(RingFile, EarlierTapeIsReplacedOrSetAside) {
   EXPECT_FALSE(fs::exists(pathOf("Fixed.tape.prev")));
   ASSERT_TRUE(openRing("Fixed.tape", agentSizes, 512, true));
   VGW_TRACE(6, "next run");
-  EXPECT_EQ(messagesOf(readBack(pathOf("Fixed.tape.prev"))), Lines{"clean run"});
-  EXPECT_EQ(messagesOf(readBack()), Lines{"next run"});
+  EXPECT_EQ(messagesOf(readBack(pathOf("Fixed.tape.prev"))), Seen{"clean run"});
+  EXPECT_EQ(messagesOf(readBack()), Seen{"next run"});
 }
 
 TEST_F(RingFile, OldTapesOfTheFamilyAreCleared) {
   const std::string dead = "Test-2147480000.tape";  // beyond any pid_max
   const std::string running = "Test-" + std::to_string(getppid()) + ".tape";
-  const Lines kept = {running, "Test-2147480001.tape", "Test-x.tape", "Other-2147480000.tape"};
+  const Seen kept = {running, "Test-2147480001.tape", "Test-x.tape", "Other-2147480000.tape"};
   for (const std::string& name : {dead, dead + ".prev", kept[0], kept[2], kept[3]}) touch(pathOf(name), 48);
   touch(pathOf(kept[1]), 2);  // young
   ASSERT_TRUE(openRing());

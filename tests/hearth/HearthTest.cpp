@@ -1,27 +1,24 @@
-// The service layer on its own (declarations refused where they are made,
-// directories checked before any is made, switches followed by the publish
-// mounts), and a service agent through its whole start and stop on the event
-// loop, run by the agent host.
+// The service layer of the agent host: declarations refused where they are
+// made, white lists, directories checked all or nothing before any is made,
+// switches followed by the publish mounts, and a mounter that goes before its
+// events. (The agent's own start through the host is the agent's tests' to
+// show.)
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "Hearth/AgentRunner.h"
 #include "Hearth/FleetStoreService.h"
 #include "Kiln/EventLoop.h"
 #include "Kiln/Log.h"
 #include "entities/Fleet.h"
 #include "entities/OverlaySvc.h"
-#include "model/Status.h"
 
 namespace {
 
 using Kiln::Json;
-using Ledger::Mount;
 using Lines = std::vector<std::string>;
 
 const std::string controllerRoot = "interface/status/vxlan/errorStatus/version2/ofc";
@@ -33,11 +30,6 @@ struct Journal {
   int turn = 0;
   Lines lines;
   void note(const std::string& what) { lines.push_back(std::to_string(turn) + " " + what); }
-  void note(const std::string& hook, Ledger::MountStatus status) {
-    std::ostringstream text;
-    text << hook << ' ' << status;
-    note(text.str());
-  }
 };
 
 class ServiceMounter final : public Fleet::FleetStoreServiceMounter {
@@ -56,17 +48,16 @@ class ServiceMounter final : public Fleet::FleetStoreServiceMounter {
   Journal& journal;
 };
 
-class HearthTest : public testing::Test {
+class ServiceTest : public testing::Test {
  protected:
-  HearthTest() {
-    Kiln::System::timeSourceIs(&time);
+  ServiceTest() {
     Kiln::logSyslogIs(false);
     Kiln::logStreamIs(&logged);
+    whiteList->allowedVersionIs(2, true);
   }
-  ~HearthTest() override {
+  ~ServiceTest() override {
     Kiln::logStreamIs(nullptr);
     Kiln::logSyslogIs(true);
-    Kiln::System::timeSourceIs(nullptr);
   }
 
   void turns(int n) {
@@ -84,34 +75,20 @@ class HearthTest : public testing::Test {
     }
     return "no error";
   }
+  // Group "mg1" for `m`, tracking the switches, with a publish mount unless
+  // `prefix` is null.
+  Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> group(ServiceMounter* m, const char* prefix = "") {
+    auto g = service->serviceMountGroupIs("mg1", m);
+    g->versionWhiteListIs(whiteList);
+    g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
+    if (prefix) g->perSwitchPublishMountIs(publishDir, prefix, "OverlaySvc::VtepConfigDirV2");
+    return g;
+  }
 
-  Kiln::SimulatedTimeSource time;  // an idle turn returns at once instead of waiting
   Kiln::ScopedEventLoop scoped;
   std::ostringstream logged;
   Journal journal;
   ServiceMounter mounter{journal};
-};
-
-// Group "mg1" of `service` for `m`, admitting version 2, tracking the
-// switches, with a publish mount unless `prefix` is null.
-Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> declareGroup(Fleet::FleetStoreService& service, ServiceMounter* m,
-                                                          const char* prefix = "") {
-  auto whiteList = service.versionWhiteListIs("v2");
-  whiteList->allowedVersionIs(2, true);
-  auto g = service.serviceMountGroupIs("mg1", m);
-  g->versionWhiteListIs(whiteList);
-  g->controllerMountIs(controllerRoot, switches, "OverlaySvc::ErrorStatusV2", "rct");
-  if (prefix) g->perSwitchPublishMountIs(publishDir, prefix, "OverlaySvc::VtepConfigDirV2");
-  return g;
-}
-
-class ServiceTest : public HearthTest {
- protected:
-  ServiceTest() { whiteList->allowedVersionIs(2, true); }
-  Kiln::Ptr<Fleet::FleetStoreServiceMountGroup> group(ServiceMounter* m, const char* prefix = "") {
-    return declareGroup(*service, m, prefix);
-  }
-
   Kiln::Ptr<Ledger::Store> store = Kiln::newPtr<Ledger::Store>();
   Kiln::Ptr<Ledger::EntityManager> manager = Kiln::newPtr<Ledger::EntityManager>(store);
   Kiln::Ptr<Ledger::EntityManager> local = Kiln::newPtr<Ledger::EntityManager>(store);
@@ -245,99 +222,6 @@ TEST_F(ServiceTest, aMounterThatIsGoneHearsNothing) {
   manager->getEntity<Kiln::Dir>(switches)->createEntity<OverlaySvc::ErrorStatusV2>("s1");
   EXPECT_EQ(g->switches().size(), 1u);
   EXPECT_TRUE(journal.lines.empty());
-}
-
-void mountAll(Ledger::EntityManager& manager, Ledger::Mounter* m, const std::vector<Mount>& mounts) {
-  auto group = manager.getMountGroup(m);
-  for (const Mount& each : mounts) group->doMount(each);
-  group->doClose(false, "", 0.0);
-}
-
-// An agent that mounts and publishes as the gateway agent does.
-class Agent final : public Hearth::ServiceAgent {
- public:
-  Agent(Kiln::Ptr<Ledger::EntityManager> local, Kiln::Name name, Journal& journal)
-      : ServiceAgent(std::move(local), std::move(name)), mounter(journal) {}
-
-  void doInit() override {
-    mounter.journal.note("doInit");
-    mountAll(*localEntityManager(), this, {Mount("vgw/status", "Vgw::Status", "wi")});
-  }
-  void doMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
-    mounter.journal.note("doMountsComplete", status);
-    status_ = manager->getEntity<Vgw::Status>("vgw/status");
-    ServiceAgent::doInit();
-  }
-  void doServiceAgentInit() override {
-    mounter.journal.note("doServiceAgentInit");
-    auto service = fleetStoreServiceIs("Vgw", serviceEntityManager(), localEntityManager());
-    declareGroup(*service, &mounter)->closedIs(true);
-    service->closedIs(true);
-    doControllerMounts();
-  }
-  void doControllerMounts() override {
-    mounter.journal.note("doControllerMounts");
-    mountAll(*serviceEntityManager(), controllerMounter(),
-             {Mount("overlaysvc/version2/errorStatus", "OverlaySvc::ErrorStatusV2", "r")});
-  }
-  void doControllerMountsComplete(Ledger::MountStatus status, Kiln::Ptr<Ledger::EntityManager> manager) override {
-    mounter.journal.note("doControllerMountsComplete", status);
-    if (manager != serviceEntityManager() || !manager->getEntity("overlaysvc/version2/errorStatus"))
-      mounter.journal.note("not the service manager's mounts");
-  }
-
-  Kiln::Ptr<Vgw::Status> status_;
-  ServiceMounter mounter;
-};
-
-class ServiceAgentTest : public HearthTest {
- protected:
-  Kiln::Ptr<Agent> start() {
-    runner.agentIs([this](Kiln::String name) -> Kiln::Ptr<Hearth::ServiceAgent> {
-      return Kiln::newPtr<Agent>(Hearth::localEntityManager(), std::move(name), journal);
-    });
-    return Kiln::staticPtrCast<Agent>(runner.agent());
-  }
-  Hearth::AgentRunner runner{"Vgw"};
-};
-
-TEST_F(ServiceAgentTest, theWholeStartRunsInOrderOnLaterTurnsAndAStopSignalLeavesTheAgentsState) {
-  // A switch that reported before the agent came, and its configuration
-  // published by the agent's previous life.
-  runner.localEntityManager()->loadDocument(Json::parse(R"({
-    "interface/status/vxlan/errorStatus/version2/ofc/switch/00:1c:73:00:00:01": {"@type": "OverlaySvc::ErrorStatusV2"},
-    "overlaysvc/version2/input/dynVtepConfig/vgw/switch/00:1c:73:00:00:01":
-        {"@type": "OverlaySvc::VtepConfigDirV2", "vtepConfig": {"Vxlan1": {}}}
-  })"));
-  auto agent = start();
-  turns(5);
-  EXPECT_EQ(journal.lines, (Lines{"0 doInit", "1 doMountsComplete mountSuccess", "2 doServiceAgentInit",
-                                  "2 doControllerMounts", "3 complete mg1", "3 doControllerMountsComplete mountSuccess",
-                                  "4 +00:1c:73:00:00:01", "4 initial mg1"}));
-  EXPECT_EQ(agent->name(), "Vgw");
-  ASSERT_TRUE(agent->status_);
-  EXPECT_EQ(agent->serviceEntityManager()->store(), runner.store());
-  EXPECT_NE(agent->serviceEntityManager(), runner.localEntityManager());
-  // What the agent's previous life published is kept.
-  EXPECT_TRUE(runner.localEntityManager()
-                  ->getEntity<OverlaySvc::VtepConfigDirV2>(publishDir + "/00:1c:73:00:00:01")
-                  ->vtepConfig("Vxlan1"));
-  // The service is the agent's one service.
-  EXPECT_THROW(agent->fleetStoreServiceIs("Other", agent->serviceEntityManager(), runner.localEntityManager()),
-               Fleet::ServiceError);
-
-  agent->status_->runningIs(true);
-  const Json before = runner.localEntityManager()->read("");
-  runner.stopOnSignals();
-  ASSERT_EQ(raise(SIGTERM), 0);  // blocked: it waits for the signalfd
-  EXPECT_FALSE(runner.stopped());
-  turns(1);
-  EXPECT_TRUE(runner.stopped());
-  EXPECT_EQ(runner.stopSignal(), SIGTERM);
-  runner.run();  // returns at once
-  EXPECT_NE(logged.str().find("KXT_AGENT_STOP_REQUESTED"), std::string::npos);
-  EXPECT_NE(logged.str().find("Agent Vgw stopping on SIGTERM"), std::string::npos) << logged.str();
-  EXPECT_EQ(runner.localEntityManager()->read(""), before);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The foundation: generated entities (reactors, the accessors of each kind of
-// attribute, and the JSON form of entities and directories: what is written,
-// what is read back, and a bad document's error naming the place, with no
-// change); the event loop's turns, timers on simulated time and file
+// attribute, and their JSON form: what is written, what is read back, and a
+// bad document's error naming the place, with no change); the event loop's turns, timers on simulated time and file
 // descriptors; and log lines with their rate limits on simulated time.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "Kiln/Dir.h"
 #include "Kiln/EventLoop.h"
 #include "Kiln/Log.h"
 #include "Kiln/String.h"
@@ -251,39 +249,6 @@ TEST(EntityJson, badDocumentsNameTheProblemAndChangeNothing) {
   auto leaf = Kiln::newPtr<Leaf>(1u);
   leaf->assignJson(Json::parse(R"({"color": 7})"));
   EXPECT_EQ(leaf->color(), KilnTest::Color::blue);
-}
-
-TEST(Directory, notifiesPerNameAndReadsBackNestedDirectories) {
-  auto dir = Kiln::newPtr<Kiln::Dir>("switches");
-  class DirLog : public Kiln::Dir::NotifieeConst {
-   public:
-    Seen seen;
-    void onEntityPtr(const Kiln::Name& n) override { seen.push_back(n.stringValue()); }
-  } log;
-  log.notifierIs(dir);
-  auto w = dir->createEntity<Widget>("sw1");
-  EXPECT_EQ(dir->createEntity<Widget>("sw1"), w);
-  dir->createEntity<Kiln::Dir>("sub")->createEntity<Widget>("w")->countIs(2);
-  const Json j = dir->toJson();
-  EXPECT_EQ(j["sub"]["@type"], "Kiln::Dir");
-  auto copy = Kiln::newPtr<Kiln::Dir>("copy");
-  copy->assignJson(j);
-  EXPECT_EQ(copy->toJson(), j);
-
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"sub": {"@type": "Kiln::Dir", "x": {"@type": 1}}})", "sub/x: \"@type\" must be a string"},
-      {R"({"@type": "KilnTest::Widget"})", "@type: directory is of type Kiln::Dir, not \"KilnTest::Widget\""},
-  };
-  for (const auto& [json, error] : cases) EXPECT_EQ(errorOf(*dir, json), error) << json;
-  EXPECT_EQ(dir->toJson(), j);
-
-  dir->entryTypeIs(&Widget::typeInfo_);
-  dir->assignJson(Json::parse(R"({"sw1": {"count": 1}, "sw2": {}})"));
-  EXPECT_EQ(dir->entityPtr<Widget>("sw1"), w);  // kept, and brought to the document in place
-  EXPECT_EQ(w->count(), 1u);
-  EXPECT_TRUE(dir->deleteEntity("sw2"));
-  EXPECT_FALSE(dir->deleteEntity("sw2"));
-  EXPECT_EQ(log.seen, (Seen{"sw1", "sub", "sub", "sw2", "sw2"}));
 }
 
 class Timer : public Kiln::Clock::NotifieeConst {

@@ -254,6 +254,7 @@ TEST_F(PathOpsTest, refusalsNameThePlaceAndTheReasonAndChangeNothing) {
        "a%2fb: given twice in the document"},
       {"load", "", R"({"": {"@type": "Kiln::Dir"}})", "the root holds the whole store; name a path below it"},
       {"load", "", R"({"vgw/config": []})", "vgw/config: expected an object, got an array"},
+      {"load", "", R"({"routes": {"@type": "Kiln::Dir", "x": {"@type": 1}}})", "routes/x: \"@type\" must be a string"},
       {"load", "", R"(["vgw/config"])", "a document is an object from path to entity, got an array"},
   });
 }
@@ -273,10 +274,13 @@ TEST_F(PathOpsTest, reloadingBringsEntitiesToTheDocumentThroughTheirSetters) {
   EXPECT_EQ(manager->getEntity("vgw/config"), config);
   EXPECT_EQ(log.seen, (std::vector<std::string>{"enabled", "limits:macs", "limits:x"}));
 
-  // A directory in the document keeps the entries it names again.
-  auto entry = manager->getEntity("routes/10.0.0.0%2F24");
+  // A directory in the document keeps the entries it names again, in
+  // directories nested in it too.
+  manager->write("routes/sub", Json::parse(R"({"@type": "Kiln::Dir", "w": {"@type": "LedgerTest::Status"}})"),
+                 Writer::external);
+  auto entry = manager->getEntity("routes/sub/w");
   manager->loadDocument(Json::object({{"routes", manager->read("routes")}}));
-  EXPECT_EQ(manager->getEntity("routes/10.0.0.0%2F24"), entry);
+  EXPECT_EQ(manager->getEntity("routes/sub/w"), entry);
 }
 
 TEST_F(PathOpsTest, aDeclarationMustAgreeWithTheDocumentAndTheStore) {

@@ -1,11 +1,8 @@
-// The control socket on real sockets, with the store of real entity types
-// behind it: each operation, requests wrong in every way a client can get them
-// wrong, lines in pieces, the bounds on request size and unread output,
-// writes refused for what the agent owns, watches that stream and end; the
-// socket's file; and the real vgwctl binary, its output and exit statuses.
-// Everything runs in the test's thread: a client that waits for an answer
-// turns the event loop meanwhile, up to a few seconds of real time, so a lost
-// reply fails the test instead of hanging it.
+// The control socket on real sockets over a store of real entity types: each
+// operation, bad requests of every kind, the bounds, owned paths, watches, the
+// socket's file, and the real vgwctl binary with its exit statuses. A client
+// waiting for an answer turns the loop meanwhile, for a few seconds at most,
+// so a lost reply fails the test instead of hanging it.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -363,10 +360,6 @@ class SocketFileTest : public ControlFixture {
     close(fd);
   }
 
-  bool answers(const std::string& path) {
-    TestClient client(path);
-    return client.call({{"op", "list"}, {"path", ""}}).contains("value");
-  }
 };
 
 TEST_F(SocketFileTest, privateModesAStaleFileReplacedALiveOrForeignOneRefusedAndOnlyItsOwnRemoved) {
@@ -391,7 +384,7 @@ TEST_F(SocketFileTest, privateModesAStaleFileReplacedALiveOrForeignOneRefusedAnd
   leaveStaleSocket(stale);
   second.listen(stale);
   EXPECT_NE(logged.str().find("KXT_CONTROL_STALE_SOCKET"), std::string::npos) << logged.str();
-  EXPECT_TRUE(answers(stale));
+  EXPECT_TRUE(TestClient(stale).call({{"op", "list"}, {"path", ""}}).contains("value"));
 
   // A server whose file was taken over leaves the new owner's file in place.
   ASSERT_EQ(unlink(path.c_str()), 0);
@@ -399,7 +392,7 @@ TEST_F(SocketFileTest, privateModesAStaleFileReplacedALiveOrForeignOneRefusedAnd
     Ledger::ControlServer successor(manager);
     successor.listen(path);
     first.reset();
-    EXPECT_TRUE(answers(path));
+    EXPECT_TRUE(TestClient(path).call({{"op", "list"}, {"path", ""}}).contains("value"));
   }
   EXPECT_NE(access(path.c_str(), F_OK), 0);
 }

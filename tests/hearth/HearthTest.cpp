@@ -1,8 +1,6 @@
-// The service layer of the agent host: declarations refused where they are
-// made, white lists, directories checked all or nothing before any is made,
-// switches followed by the publish mounts, and a mounter that goes before its
-// events. (The agent's own start through the host is the agent's tests' to
-// show.)
+// The agent host's service layer: declarations refused where they are made,
+// white lists, directories checked all or nothing before any is made, switches
+// followed by the publish mounts, and a mounter that goes before its events.
 #include <gtest/gtest.h>
 
 #include <memory>

@@ -180,7 +180,12 @@ TEST_F(Trace, StreamIsEvaluatedOnlyForAnEnabledOpenTape) {
   EXPECT_EQ(readBack(path).size(), 3u);
 }
 
-TEST_F(Trace, StreamLineCarriesHandleLevelAndPlaceAndKeepsWordsAsGiven) {
+std::string describedWithTrace(int value) {
+  VGW_TRACE(7, "describing " << value);
+  return "described " + std::to_string(value);
+}
+
+TEST_F(Trace, StreamLinesCarryHandleLevelAndPlaceAndNeitherNestedTracesNorFormattingLeak) {
   levelsAre("VgwTraceTest/*", "");
   const int line = __LINE__ + 1;
   VGW_TRACE(6, " Add ErrorStatusSm for " << Kiln::String("sw1"));
@@ -195,15 +200,7 @@ TEST_F(Trace, StreamLineCarriesHandleLevelAndPlaceAndKeepsWordsAsGiven) {
                  " can't create tapeLockFilePath. check log file permission\n" + time + " VgwTraceTest 9" + place +
                  std::to_string(line + 2) + " pair 4\n")))
       << captured.str();
-}
-
-std::string describedWithTrace(int value) {
-  VGW_TRACE(7, "describing " << value);
-  return "described " + std::to_string(value);
-}
-
-TEST_F(Trace, TraceInsideATraceAndFormattingDoNotLeak) {
-  levelsAre("VgwTraceTest/6-7", "");
+  captured.str("");
   VGW_TRACE(6, std::hex << 255 << " " << describedWithTrace(10) << " " << 16);
   VGW_TRACE(6, 255 << " " << 1.0 / 3);
   const Seen lines = streamed();
@@ -257,7 +254,6 @@ TEST_F(RingFile, RecordsComeBackInWritingOrderAcrossLevelsAndLongOnesAreCutAtACh
   std::string error;
   const auto contents = RingTape::readRingFile(RingTape::ringPath(), &error);
   ASSERT_TRUE(contents) << error;
-  EXPECT_EQ(contents->pid, getpid());
   const auto& records = contents->records;
   EXPECT_EQ(messagesOf(records), (Seen{"handleEnable", "hard error 7", "Session State: s", "Session State: "}));
   ASSERT_EQ(records.size(), 4u);
@@ -313,12 +309,7 @@ TEST_F(RingFile, ReaderSkipsADamagedRecordAndRefusesWhatIsNotARingFile) {
   EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
 }
 
-TEST_F(RingFile, ADisabledOrInvalidRingStaysClosedAndSaysWhy) {
-  setenv("RINGTAPE_DISABLE", "", 1);
-  EXPECT_FALSE(openRing());
-  EXPECT_TRUE(fs::is_empty(dir));
-  EXPECT_TRUE(captured.str().empty());
-  unsetenv("RINGTAPE_DISABLE");
+TEST_F(RingFile, AnInvalidRingStaysClosedAndSaysWhy) {
   EXPECT_FALSE(openRing("Test-%d.tape", {32, 32, 32, 2}));
   setenv("RINGTAPEDIR", (dir + "/missing").c_str(), 1);
   EXPECT_FALSE(openRing());
@@ -333,7 +324,6 @@ TEST_F(RingFile, EarlierTapeIsReplacedOrSetAside) {
   VGW_TRACE(6, "crashed run");
   ASSERT_TRUE(openRing("Fixed.tape"));
   VGW_TRACE(6, "clean run");
-  EXPECT_EQ(readBack().size(), 1u);
   EXPECT_FALSE(fs::exists(pathOf("Fixed.tape.prev")));
   ASSERT_TRUE(openRing("Fixed.tape", agentSizes, 512, true));
   VGW_TRACE(6, "next run");

@@ -1,6 +1,6 @@
 // The agent's start on the event loop, run by the agent host without a
-// database: the ring trace and its lock file, the start test, the service
-// publication, and the initial switch mounts in either order.
+// database: the ring trace, the start test, the service publication, the
+// initial switch mounts, and an agent that may not run.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -38,10 +38,7 @@ class AgentTest : public testing::Test {
     setenv("RINGTAPEDIR", dir.c_str(), 1);
     setenv("VGW_TAPELOCK_FILEPATH", lockFile().c_str(), 1);
     freshLocalData();
-    for (const auto* mounts : {&localMounts(), &serviceMounts()}) {
-      for (const Ledger::Mount& m : *mounts)
-        runner.localEntityManager()->pathTypeIs(m.path.stringValue(), *Kiln::TypeInfo::find(m.typeName.stringValue()));
-    }
+    typeAgentPaths(*runner.localEntityManager());
     document = {{"vgw/config", {{"ovsdbSocketPath", (dir / "no-database.sock").string()}}},
                 {"vgw/cliconfig", {{"enableAgent", true}}},
                 {"fleet/cluster/statusDir", {{"status", {{"default", Json::object()}}}}}};
@@ -49,7 +46,6 @@ class AgentTest : public testing::Test {
   ~AgentTest() override {
     agent = nullptr;
     RingTape::close();
-    unsetenv("RINGTAPE_DISABLE");
     fs::remove_all(dir);
   }
 
@@ -57,19 +53,16 @@ class AgentTest : public testing::Test {
   fs::path tape() const { return dir / (std::string(agentName) + ".tape"); }
   void start() {
     runner.localEntityManager()->loadDocument(document);
-    status = runner.localEntityManager()->getEntity<Status>("vgw/status");
-    if (status) running.notifierIs(status);
+    running.notifierIs(runner.localEntityManager()->getEntity<Status>("vgw/status"));
     agent = Kiln::staticPtrCast<Agent>(runner.agentIs(agentFactory));
     agent->exitingHandlerIs([this](const std::string& reason) { exitReasons.push_back(reason); });
   }
-  void runUntilRoot() { ASSERT_TRUE(loop.runUntil([&] { return agent->rootSm() != nullptr; })); }
 
   TraceCapture traces{"VgwAgent/6"};
   LoopRunner loop;
   fs::path dir;
   Hearth::AgentRunner runner{agentName};
   Json document;
-  Kiln::Ptr<Status> status;
   RunningRecorder running;
   Kiln::Ptr<Agent> agent;
   std::vector<std::string> exitReasons;
@@ -84,7 +77,7 @@ TEST_F(AgentTest, StartsThroughItsMountsAndPublishesPerSwitchConfiguration) {
   EXPECT_TRUE(RingTape::isOpen());
   EXPECT_FALSE(fs::exists(tape() += ".prev")) << "a clean start replaces the tape";
   EXPECT_TRUE(fs::exists(lockFile()));
-  runUntilRoot();
+  ASSERT_TRUE(loop.runUntil([&] { return agent->rootSm() != nullptr; }));
   const RootSm& root = *agent->rootSm();
   EXPECT_TRUE(root.topoStatus() && root.vniStatusDirIn() && root.vniStatusDirOut() && root.errorStatusDir() &&
               root.vtepStatusDirAgg() && root.dynVtepConfig() && root.dynVtepConfigReady() && root.lrConfigDir() &&
@@ -93,42 +86,9 @@ TEST_F(AgentTest, StartsThroughItsMountsAndPublishesPerSwitchConfiguration) {
   EXPECT_FALSE(root.errorStatusMountReady()) << "the switches join on the turn after";
   loop.settle();
   EXPECT_TRUE(root.errorStatusMountReady());
-  const auto published = runner.localEntityManager()->getEntity<OverlaySvc::VtepConfigDirV2>(
-      std::string("overlaysvc/version2/input/dynVtepConfig/vgw/switch/") + switchId);
-  EXPECT_TRUE(published);
+  EXPECT_TRUE(runner.localEntityManager()->getEntity<OverlaySvc::VtepConfigDirV2>(
+      std::string("overlaysvc/version2/input/dynVtepConfig/vgw/switch/") + switchId));
   EXPECT_TRUE(exitReasons.empty());
-}
-
-TEST_F(AgentTest, InitialSwitchMountsBeforeTheRootStateMachineStillCount) {
-  start();
-  ASSERT_TRUE(loop.runUntil([&] { return agent->serviceMounter() != nullptr; }));
-  ASSERT_FALSE(agent->rootSm());
-  agent->serviceMounter()->doInitialSwitchMountsComplete("mg1", agent->serviceEntityManager());
-  runUntilRoot();
-  EXPECT_TRUE(agent->rootSm()->errorStatusMountReady());
-}
-
-TEST_F(AgentTest, LockFileLeftByALastLifeKeepsItsTape) {
-  std::ofstream(lockFile()).put('\n');
-  std::ofstream(tape()) << "last life";
-  start();
-  EXPECT_TRUE(fs::exists(tape() += ".prev"));
-}
-
-TEST_F(AgentTest, RingTapeDisabledTouchesNoLockFile) {
-  setenv("RINGTAPE_DISABLE", "", 1);
-  start();
-  runUntilRoot();
-  EXPECT_TRUE(agent->tapeLockFilePath().empty());
-  EXPECT_FALSE(RingTape::isOpen());
-  EXPECT_FALSE(fs::exists(lockFile()));
-}
-
-TEST_F(AgentTest, RunningLeftSetIsClearedBeforeTheStart) {
-  document["vgw/status"] = {{"running", true}};
-  start();
-  runUntilRoot();
-  EXPECT_EQ(running.values, (std::vector<bool>{false, true}));
 }
 
 TEST_F(AgentTest, AgentThatMayNotRunWaitsToDieWithoutPublishing) {
@@ -137,17 +97,11 @@ TEST_F(AgentTest, AgentThatMayNotRunWaitsToDieWithoutPublishing) {
   start();
   for (int turn = 0; turn < 5; ++turn) loop.settle();
   EXPECT_TRUE(agent->exiting());
-  EXPECT_EQ(running.values, std::vector<bool>{false});
+  EXPECT_EQ(running.values, std::vector<bool>{false}) << "what a last life left is cleared, and stays so";
   EXPECT_TRUE(traces.contains("Config: 0 Controller Status: 1 ClusterStatus: 1 Waiting to die.")) << traces.text();
   ASSERT_EQ(exitReasons.size(), 1u);
   EXPECT_NE(exitReasons[0].find("enableAgent is false"), std::string::npos) << exitReasons[0];
-  // Hooks called anyway publish and mount nothing.
-  agent->doServiceAgentInit();
-  agent->doControllerMounts();
-  loop.settle();
-  EXPECT_FALSE(agent->fleetStoreService());
-  EXPECT_FALSE(agent->serviceEntityManager());
-  EXPECT_FALSE(agent->rootSm());
+  EXPECT_FALSE(agent->fleetStoreService() || agent->serviceEntityManager() || agent->rootSm());
 }
 
 }  // namespace

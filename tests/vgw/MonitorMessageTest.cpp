@@ -1,7 +1,6 @@
-// Monitor messages applied by hand, without a server: the notify types of a
-// first snapshot and of a running session, the stale rows a snapshot
-// removes, the controller's placeholder switch, remote MAC modifies, and the
-// tables the agent writes itself. Also the mirror's switch and port upkeep.
+// Monitor messages applied by hand, without a server: the controller's
+// placeholder switch and the tables the agent writes itself; the stale rows
+// a snapshot removes, and the mirror's switch and port upkeep.
 #include <gtest/gtest.h>
 
 #include "SessionSupport.h"
@@ -41,7 +40,7 @@ class VgwMonitorMessage : public ::testing::Test {
   // A message adding logical switch `ls` (VNI `vni`) and locators for `ips`,
   // numbered from `firstLocator`.
   static Json switchAndLocators(unsigned ls, int vni, unsigned firstLocator, std::vector<std::string> ips) {
-    Json message = {{"Logical_Switch", {{S(ls), {{"new", {{"name", "ls" + std::to_string(ls)}, {"tunnel_key", vni}}}}}}}};
+    Json message = {{"Logical_Switch", {{S(ls), {{"new", {{"name", "ls"}, {"tunnel_key", vni}}}}}}}};
     for (const std::string& address : ips) {
       message["Physical_Locator"][S(firstLocator++)] = {
           {"new", {{"encapsulation_type", "vxlan_over_ipv4"}, {"dst_ip", address}}}};
@@ -61,40 +60,6 @@ class VgwMonitorMessage : public ::testing::Test {
   Kiln::Ptr<OvsdbMonitorRequest> request = Kiln::newPtr<OvsdbMonitorRequest>();
 };
 
-TEST_F(VgwMonitorMessage, FirstContentsAreInitialRowsAndRemoveWhatTheyLack) {
-  // What the mirror held from an earlier session.
-  ovsdb->logicalSwitchIs(rowId(1))->displayNameIs("gone");
-  local().remoteHostTableIs(rowId(1));
-  const auto oldLocator = ovsdb->physicalLocatorRawIs(rowId(9));
-  oldLocator->keyIs(PhysicalLocatorKey(EncapsulationType::vxlan_over_ipv4, ip("10.9.9.9")));
-  ovsdb->physicalLocatorIs(ip("10.9.9.9"), oldLocator);
-
-  stateIs(SessionState::stateConnecting);
-  Json message = switchAndLocators(2, 7, 3, {"10.0.0.1", "10.0.0.2"});
-  message["Tunnel"][S(5)] = {{"new", {{"local", ref(3)}, {"remote", ref(4)}}}};
-  message["Physical_Port"][S(6)] = {{"new", {{"name", "p1"}}}};
-  ASSERT_TRUE(apply(message));
-
-  EXPECT_FALSE(ovsdb->logicalSwitch(rowId(1)));
-  EXPECT_FALSE(local().remoteHostTable(rowId(1)));
-  EXPECT_TRUE(local().remoteHostTable(rowId(2)));
-  EXPECT_FALSE(ovsdb->physicalLocatorRaw(rowId(9)));
-  EXPECT_FALSE(ovsdb->physicalLocator(ip("10.9.9.9")));
-  EXPECT_EQ(ovsdb->tunnel(LocalRemoteVtepPair(ip("10.0.0.1"), ip("10.0.0.2")))->uuid(), rowId(5));
-  EXPECT_TRUE(ovsdb->physicalPort(rowId(6)));  // a port of the snapshot is stored
-  EXPECT_EQ(local().vniToLogicalSwitch(Vxlan::Vni(7))->logicalSwitch(), std::set<Uuid>{rowId(2)});
-  EXPECT_TRUE(local().monitorUpdateComplete());
-
-  // Connected, a row without "old" is an insert: a port is then not stored,
-  // and a tunnel's delete leaves the mirror alone.
-  stateIs(SessionState::stateConnected);
-  ASSERT_TRUE(apply({{"Physical_Port", {{S(7), {{"new", {{"name", "p2"}}}}}}},
-                     {"Tunnel", {{S(5), {{"old", {{"local", ref(3)}, {"remote", ref(4)}}}}}}}}));
-  EXPECT_FALSE(ovsdb->physicalPort(rowId(7)));
-  EXPECT_TRUE(ovsdb->tunnelRaw(rowId(5)));
-  EXPECT_TRUE(ovsdb->tunnel(LocalRemoteVtepPair(ip("10.0.0.1"), ip("10.0.0.2"))));
-}
-
 TEST_F(VgwMonitorMessage, ThePlaceholderSwitchAndItsRowsAreNeverMirrored) {
   stateIs(SessionState::stateConnected);
   Json message = switchAndLocators(2, 7, 3, {"10.0.0.1"});
@@ -102,45 +67,21 @@ TEST_F(VgwMonitorMessage, ThePlaceholderSwitchAndItsRowsAreNeverMirrored) {
   message["Ucast_Macs_Remote"][S(10)] = {{"new", ucast("00:00:00:00:00:01", 1, 3, "10.1.1.1")}};
   ASSERT_TRUE(apply(message));
   EXPECT_EQ(local().nvpInternalLogicalSwitch(), rowId(1));
-  EXPECT_FALSE(ovsdb->logicalSwitch(rowId(1)));
-  EXPECT_FALSE(local().remoteHostTable(rowId(1)));
+  EXPECT_FALSE(ovsdb->logicalSwitch(rowId(1)) || local().remoteHostTable(rowId(1)));
   EXPECT_TRUE(local().remoteHostTable(rowId(2))->macVtep().empty());
 
   // Its delete comes with the delete of a row that still names it: the row
   // is recognised, and the switch is forgotten at the message's end.
   ASSERT_TRUE(apply({{"Logical_Switch", {{S(1), {{"old", {{"name", "_nvp_internal"}}}}}}},
                      {"Ucast_Macs_Remote", {{S(10), {{"old", ucast("00:00:00:00:00:01", 1, 3, "10.1.1.1")}}}}}}));
-  EXPECT_TRUE(local().nvpInternalLogicalSwitch().isNull());
-  EXPECT_TRUE(local().delNvpInternalLogicalSwitch().isNull());
-}
-
-TEST_F(VgwMonitorMessage, RemoteMacModifiesReleaseOnlyWhatChanged) {
-  stateIs(SessionState::stateConnected);
-  Json message = switchAndLocators(1, 10, 2, {"10.0.0.1", "10.0.0.2"});
-  message["Ucast_Macs_Remote"][S(10)] = {{"new", ucast("00:00:00:00:00:01", 1, 2, "10.1.1.1")}};
-  ASSERT_TRUE(apply(message));
-  const Kiln::Ptr<RemoteHostTable> table = local().remoteHostTable(rowId(1));
-  local().switchBindingDirtyIs(false);
-
-  // Only the address changed: the MAC keeps its VTEP.
-  ASSERT_TRUE(apply({{"Ucast_Macs_Remote",
-                      {{S(10), {{"new", ucast("00:00:00:00:00:01", 1, 2, "10.1.1.2")}, {"old", {{"ipaddr", "10.1.1.1"}}}}}}}}));
-  EXPECT_FALSE(table->ipToMac().contains(ip("10.1.1.1")));
-  EXPECT_EQ(table->ipToMac(ip("10.1.1.2")).mac(), mac("00:00:00:00:00:01"));
-  EXPECT_EQ(table->macVtep(mac("00:00:00:00:00:01")).physicalLocator(), rowId(2));
-  EXPECT_TRUE(local().switchBindingDirty());
-
-  // Only the locator changed: the MAC moves, the address stays bound.
-  ASSERT_TRUE(apply({{"Ucast_Macs_Remote",
-                      {{S(10), {{"new", ucast("00:00:00:00:00:01", 1, 3, "10.1.1.2")}, {"old", {{"locator", ref(2)}}}}}}}}));
-  EXPECT_EQ(table->macVtep(mac("00:00:00:00:00:01")).physicalLocator(), rowId(3));
-  EXPECT_EQ(table->ipToMac(ip("10.1.1.2")).physicalLocator(), rowId(3));
+  EXPECT_TRUE(local().nvpInternalLogicalSwitch().isNull() && local().delNvpInternalLogicalSwitch().isNull());
 }
 
 TEST_F(VgwMonitorMessage, TheAgentsOwnTablesAcceptFirstContentsOnly) {
   stateIs(SessionState::stateConnecting);
   Json message = switchAndLocators(1, 10, 2, {"10.0.0.1"});
-  message["Ucast_Macs_Local"][S(10)] = {{"new", {{"MAC", "00:00:00:00:00:01"}, {"logical_switch", ref(1)}, {"locator", ref(2)}}}};
+  message["Ucast_Macs_Local"][S(10)]["new"] = {{"MAC", "00:00:00:00:00:01"}, {"logical_switch", ref(1)}};
+  message["Ucast_Macs_Local"][S(10)]["new"]["locator"] = ref(2);
   message["Physical_Switch"][S(11)] = {{"new", {{"name", "leaf1"}}}};
   ASSERT_TRUE(apply(message));
   EXPECT_TRUE(local().ucastMacsLocalTable(Vxlan::Vni(10))->ucastMacsLocal(mac("00:00:00:00:00:01")));

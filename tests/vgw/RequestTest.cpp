@@ -1,5 +1,5 @@
-// Request objects without a server: the transaction message, the replies
-// that are refused whole and those that break the agent's bookkeeping.
+// Transaction replies without a server: those that are refused whole and
+// those that break the agent's bookkeeping.
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
@@ -72,9 +72,9 @@ TEST_F(VgwTransactReply, DeletesTolerateRowsGoneOrReadFromTheDatabase) {
   auto anyCount = buildDelete(rowId(5), OvsdbDataType::physicalPort);
   anyCount->resultCountIs(0);
   TraceCapture trace("OvsdbTableOps/6");
-  EXPECT_TRUE(reply({buildDelete(rowId(1), OvsdbDataType::physicalSwitch),
-                     buildDelete(rowId(3), OvsdbDataType::physicalSwitch), buildDelete(rowId(4), OvsdbDataType::manager),
-                     buildDelete(rowId(2), OvsdbDataType::tunnel)},
+  EXPECT_TRUE(reply({buildDelete(rowId(1), OvsdbDataType::physicalSwitch), buildDelete(rowId(2), OvsdbDataType::tunnel),
+                     buildDelete(rowId(3), OvsdbDataType::physicalSwitch),
+                     buildDelete(rowId(4), OvsdbDataType::manager)},
                     R"([{"count": 1}, {"count": 1}, {"count": 1}, {"count": 1}])"));
   EXPECT_TRUE(ovsdb_->physicalSwitchRaw().empty());
   EXPECT_TRUE(ovsdb_->physicalSwitch().empty());
@@ -114,35 +114,6 @@ TEST_F(VgwTransactReply, RepliesThatContradictTheRequestAssert) {
   EXPECT_DEATH(Ovs::JsonPtr(buildUpdate(Uuid(), port)->toJson()), literally("Must specify the update object's uuid"));
   OvsdbCancelRequest cancel;
   EXPECT_DEATH(cancel.processResult(*parseJson("[]")), literally("Base class method should never be called."));
-}
-
-TEST(VgwTransactMessage, OperationsGoOutInTransactionOrder) {
-  OvsdbTransactRequest tx;
-  EXPECT_EQ(tx.toJsonMsg(), nullptr);
-
-  auto global = Kiln::newPtr<Global>(rowId(1));
-  auto tunnel = Kiln::newPtr<Tunnel>(genNamedUuid());
-  tx.opEnq(buildUpdate(global->uuid(), global));
-  tx.opEnq(buildInsert(Kiln::newPtr<UcastMacsLocal>(genNamedUuid(), mac("00:aa:00:00:00:01"))));
-  tx.opEnq(buildInsert(Kiln::newPtr<PhysicalSwitch>(genNamedUuid())));
-  tx.opEnq(buildInsert(tunnel));
-  tx.opEnq(buildDelete(rowId(2), OvsdbDataType::physicalSwitch));
-  tx.opIs(OvsdbDataType::physicalPort);  // a table without operations
-
-  const Ovs::JsonRpcMsgPtr msg(tx.toJsonMsg());
-  ASSERT_TRUE(msg);
-  EXPECT_STREQ(ovsc_jsonrpc_msg_method(msg.get()), "transact");
-  const struct json_array* params = json_array(ovsc_jsonrpc_msg_params(msg.get()));
-  ASSERT_EQ(params->n, 6u);
-  EXPECT_STREQ(json_string(params->elems[0]), "hardware_vtep");
-  std::vector<std::string> sent;
-  for (std::size_t i = 1; i < params->n; ++i) {
-    sent.push_back(std::string(json_string(column(params->elems[i], "op"))) + " " +
-                   json_string(column(params->elems[i], "table")));
-  }
-  EXPECT_EQ(sent, (std::vector<std::string>{"insert Tunnel", "insert Physical_Switch", "delete Physical_Switch",
-                                            "update Global", "insert Ucast_Macs_Local"}));
-  EXPECT_STREQ(json_string(column(params->elems[1], "uuid-name")), tunnel->uuid().stringValue().charPtr());
 }
 
 }  // namespace

@@ -39,11 +39,7 @@ class VgwRoad : public testing::Test {
     setenv("RINGTAPEDIR", server.directory().c_str(), 1);
     setenv("VGW_TAPELOCK_FILEPATH", (server.directory() / "tape.lock").c_str(), 1);
     Ledger::EntityManager& store = *runner.localEntityManager();
-    for (const auto* mounts : {&localMounts(), &serviceMounts()}) {
-      for (const Ledger::Mount& m : *mounts) {
-        store.pathTypeIs(m.path.stringValue(), *Kiln::TypeInfo::find(m.typeName.stringValue()));
-      }
-    }
+    typeAgentPaths(store);
     std::ifstream example(EXAMPLE_CONFIG);
     Json document = Json::parse(std::string(std::istreambuf_iterator<char>(example), {}));
     document["vgw/config"]["ovsdbSocketPath"] = server.socketPath();
@@ -62,10 +58,13 @@ class VgwRoad : public testing::Test {
   }
 
   Kiln::Ptr<OverlaySvc::VniStatusV2> published(int vni) const { return vniStatusDir->vniStatusV2(Vxlan::Vni(vni)); }
-  bool publishes(int vni, const char* m) const { return published(vni) && published(vni)->macVtepTable().contains(mac(m)); }
+  bool publishes(int vni, const char* m) const {
+    return published(vni) && published(vni)->macVtepTable().contains(mac(m));
+  }
   // Waits until the published entry of `m` in `vni` is behind `vtep`.
   bool publishedBehind(int vni, const char* m, const char* vtep) {
-    return loop.runUntil([&] { return publishes(vni, m) && published(vni)->macVtepTable(mac(m)).vtepIp() == IpAddr::parse(vtep); });
+    const auto behind = [&] { return published(vni)->macVtepTable(mac(m)).vtepIp() == IpAddr::parse(vtep); };
+    return loop.runUntil([&] { return publishes(vni, m) && behind(); });
   }
 
   // The mark is an update of Global, so the agent takes the full path.
@@ -74,7 +73,7 @@ class VgwRoad : public testing::Test {
   // One host move in one transaction, as a controller makes it: the old row
   // out, a new row behind `vtep` in.
   void move(const Uuid& ls, const char* m, const char* vtep, const char* address) {
-    Json ops = Json::array({Controller::deleteWhere("Ucast_Macs_Remote", "MAC", m)});
+    Json ops = Json::array({deleteOp("Ucast_Macs_Remote", "MAC", m)});
     db.ucastRemote(ops, ls, m, vtep, address);
     db.transact(ops);
   }
@@ -117,12 +116,13 @@ TEST_F(VgwRoad, RemoteMacIsPublishedWithItsVtepAndFollowsMovesOnBothPathsAndItsD
   EXPECT_EQ(trace.count("Optimal path"), narrowBefore + 1);
   EXPECT_EQ(published(5000)->ipToMacTable(ip("10.1.1.10")), ipEntry("10.1.1.10", "00:00:00:00:00:0a"));
 
-  db.transact(Json::array({Controller::deleteWhere("Ucast_Macs_Remote", "MAC", "00:00:00:00:00:0a")}));
+  db.transact(Json::array({deleteOp("Ucast_Macs_Remote", "MAC", "00:00:00:00:00:0a")}));
   ASSERT_TRUE(loop.runUntil([&] { return !publishes(5000, "00:00:00:00:00:0a"); }));
   EXPECT_TRUE(published(5000)->ipToMacTable().empty());
   EXPECT_EQ(published(5000)->macVtepTable(),
-            (OverlaySvc::VniStatusV2::MacVtepTableType{{mac("00:00:00:00:00:0b"), macEntry("00:00:00:00:00:0b", "10.0.0.2")},
-                                                      {mac("00:00:00:00:00:0c"), macEntry("00:00:00:00:00:0c", "10.0.0.1")}}));
+            (OverlaySvc::VniStatusV2::MacVtepTableType{
+                {mac("00:00:00:00:00:0b"), macEntry("00:00:00:00:00:0b", "10.0.0.2")},
+                {mac("00:00:00:00:00:0c"), macEntry("00:00:00:00:00:0c", "10.0.0.1")}}));
 }
 
 TEST_F(VgwRoad, UnknownDstFloodsToTheVtepsOfItsLocatorSetAsTheControllerEditsIt) {
@@ -153,7 +153,7 @@ TEST_F(VgwRoad, ADuplicateTunnelKeyPublishesNothingUntilOneSwitchHoldsIt) {
   // Both claim VNI 5000 from the start; green has a VNI of its own.
   Json ops = Json::array();
   for (const auto& [name, key] : std::map<std::string, int>{{"blue", 5000}, {"red", 5000}, {"green", 6000}}) {
-    ops.push_back({{"op", "insert"}, {"table", "Logical_Switch"}, {"uuid-name", name}, {"row", {{"name", name}, {"tunnel_key", key}}}});
+    ops.push_back(insertOp("Logical_Switch", name, {{"name", name}, {"tunnel_key", key}}));
   }
   const std::map<std::string, Uuid> switches = db.transact(ops);
   ops = Json::array();
@@ -167,8 +167,8 @@ TEST_F(VgwRoad, ADuplicateTunnelKeyPublishesNothingUntilOneSwitchHoldsIt) {
   EXPECT_EQ(keysOf(vniStatusDir->vniStatusV2()), std::set<Vxlan::Vni>{Vxlan::Vni(6000)});
 
   // Red goes; blue alone holds the key and its hosts reach the fabric.
-  db.transact(Json::array({Controller::deleteWhere("Ucast_Macs_Remote", "MAC", "00:00:00:00:00:0b"),
-                           Controller::deleteWhere("Logical_Switch", "name", "red")}));
+  db.transact(Json::array({deleteOp("Ucast_Macs_Remote", "MAC", "00:00:00:00:00:0b"),
+                           deleteOp("Logical_Switch", "name", "red")}));
   ASSERT_TRUE(publishedBehind(5000, "00:00:00:00:00:0a", "10.0.0.1"));
   EXPECT_EQ(published(5000)->macVtepTable().size(), 1u);
   EXPECT_EQ(published(5000)->ipToMacTable(ip("10.1.1.10")), ipEntry("10.1.1.10", "00:00:00:00:00:0a"));
@@ -189,7 +189,7 @@ TEST_F(VgwRoad, AHostOnALoopbackOrAllZeroVtepLeavesTheFabricWhileItsRowStays) {
   db.transact(Json::array({{{"op", "update"},
                             {"table", "Ucast_Macs_Remote"},
                             {"where", Json::array({Json::array({"MAC", "==", "00:00:00:00:00:0a"})})},
-                            {"row", {{"locator", Controller::reference(db.locatorUuid("0.0.0.0"))}}}}}));
+                            {"row", {{"locator", uuidRef(db.locatorUuid("0.0.0.0"))}}}}}));
   ASSERT_TRUE(loop.runUntil([&] { return !publishes(5000, "00:00:00:00:00:0a"); }));
   sync();
   EXPECT_TRUE(published(5000)->macVtepTable().empty());

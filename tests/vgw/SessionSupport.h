@@ -1,7 +1,7 @@
-// Helpers for the tests of the database session: a stand-in for the root
-// state machine that builds and tears down what the session needs, a
-// controller that writes the database as an NVC would, and a comparison of
-// the agent's mirror with what the server holds.
+// Helpers for the tests of the database session and the agent: a stand-in
+// for the root state machine that builds and tears down what the session
+// needs, the agent's inventory transaction, a controller that writes the
+// database as an NVC would, and a comparison of the mirror with the server.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,6 +18,7 @@
 #include "TestSupport.h"
 #include "Vgw/HwVtepRequestHandlerSm.h"
 #include "Vgw/RemoteHostSm.h"
+#include "Vgw/VgwAgent.h"
 #include "Vgw/VgwClientSm.h"
 #include "Vgw/VgwUtils.h"
 #include "entities/OverlaySvc.h"
@@ -33,24 +34,15 @@ struct Dependents : LrSmInterface, TunnelSmInterface {
   int forcedRefreshes = 0;
 };
 
-// Plays the root state machine's part for the session: enable() builds the
-// queue, fresh status entities, the mirror's upkeep machine, the handler and
-// the client in the order the agent does; a connected session gets a
-// RemoteHostSm, and a dropped one loses it and resets the working data on
-// the next turn of the loop.
+// Plays the root state machine's part for the session: enable() builds what
+// the agent does, in its order; a connected session gets a RemoteHostSm, and
+// a dropped one loses it and resets the working data on the next turn.
 class SessionRoot : public RootSmInterface {
  public:
   explicit SessionRoot(const std::string& socketPath) {
     config->ovsdbSocketPathIs(socketPath);
     teardown_.notifierIs(Kiln::EventLoop::current().clock());
   }
-  ~SessionRoot() override {
-    client = nullptr;
-    remoteHost = nullptr;
-    handler = nullptr;
-    ovsdbSm = nullptr;
-  }
-
   void enable() {
     queue = Kiln::newPtr<OvsdbRequestQueue>();
     status->ovsdbSessionStatusDel();
@@ -74,10 +66,11 @@ class SessionRoot : public RootSmInterface {
   Kiln::Ptr<OvsdbRequestQueue> queue;
   Kiln::Ptr<OvsdbSessionStatus> sessionStatus;
   Kiln::Ptr<HwVtepOvsdb> ovsdb;
+  // Declared so that the client goes first and the mirror's upkeep last.
   Kiln::Ptr<HwVtepOvsdbSm> ovsdbSm;
   Kiln::Ptr<HwVtepRequestHandlerSm> handler;
-  Kiln::Ptr<VgwClientSm> client;
   Kiln::Ptr<RemoteHostSm> remoteHost;
+  Kiln::Ptr<VgwClientSm> client;
   int disconnects = 0;
   mutable Dependents dependents;
 
@@ -149,6 +142,15 @@ inline Kiln::Ptr<OvsdbTransactRequest> agentInventory(const Kiln::Ptr<HwVtepOvsd
   return tx;
 }
 
+// Gives the agent's state store the entity type of every path it mounts.
+inline void typeAgentPaths(Ledger::EntityManager& store) {
+  for (const auto* mounts : {&localMounts(), &serviceMounts()}) {
+    for (const Ledger::Mount& m : *mounts) {
+      store.pathTypeIs(m.path.stringValue(), *Kiln::TypeInfo::find(m.typeName.stringValue()));
+    }
+  }
+}
+
 // Returns the process-wide working data to a fresh process's state,
 // including what reset() keeps across sessions.
 inline void freshLocalData() {
@@ -161,6 +163,27 @@ inline void freshLocalData() {
 }
 
 inline Uuid uuidOf(const Kiln::Json& reference) { return Uuid::parse(reference.at(1).get<std::string>()); }
+
+// Operations and values of a controller's transaction.
+inline Kiln::Json insertOp(const char* table, const std::string& uuidName, const Kiln::Json& row) {
+  return {{"op", "insert"}, {"table", table}, {"uuid-name", uuidName}, {"row", row}};
+}
+inline Kiln::Json deleteOp(const char* table, const char* column, const Kiln::Json& value) {
+  return {{"op", "delete"}, {"table", table}, {"where", Kiln::Json::array({Kiln::Json::array({column, "==", value})})}};
+}
+// Adds the row inserted as `uuidName` to Global's `column`.
+inline Kiln::Json addToGlobalOp(const char* column, const std::string& uuidName) {
+  const Kiln::Json member = Kiln::Json::array({"named-uuid", uuidName});
+  return {{"op", "mutate"},
+          {"table", "Global"},
+          {"where", Kiln::Json::array()},
+          {"mutations", Kiln::Json::array({Kiln::Json::array({column, "insert", member})})}};
+}
+inline Kiln::Json uuidRef(const Uuid& uuid) { return Kiln::Json::array({"uuid", uuid.stringValue().stringValue()}); }
+// ["map", [[key, value]]]
+inline Kiln::Json mapOf(const Kiln::Json& key, const Kiln::Json& value) {
+  return Kiln::Json::array({"map", Kiln::Json::array({Kiln::Json::array({key, value})})});
+}
 
 // The database as the controller sees it: JSON transactions and row dumps.
 class Controller {
@@ -197,14 +220,14 @@ class Controller {
   // A reference to the locator of `ip`: the server's row, or a new one that
   // an insert added to `ops` creates (a locator nothing names is collected).
   Kiln::Json locator(const std::string& ip, Kiln::Json& ops) {
-    if (const Uuid known = locatorUuid(ip)) return reference(known);
+    if (const Uuid known = locatorUuid(ip)) return uuidRef(known);
     for (const Kiln::Json& op : ops) {
       if (op["table"] == "Physical_Locator" && op["op"] == "insert" && op["row"]["dst_ip"] == ip) {
         return Kiln::Json::array({"named-uuid", op["uuid-name"]});
       }
     }
     const std::string name = "loc" + std::to_string(++named_);
-    ops.push_back(insert("Physical_Locator", name, {{"encapsulation_type", "vxlan_over_ipv4"}, {"dst_ip", ip}}));
+    ops.push_back(insertOp("Physical_Locator", name, {{"encapsulation_type", "vxlan_over_ipv4"}, {"dst_ip", ip}}));
     return Kiln::Json::array({"named-uuid", name});
   }
 
@@ -219,43 +242,19 @@ class Controller {
   Uuid addLogicalSwitch(const std::string& name, int vni) {
     Kiln::Json row = {{"name", name}};
     if (vni >= 0) row["tunnel_key"] = vni;
-    return transact(Kiln::Json::array({insert("Logical_Switch", "ls", row)})).at("ls");
+    return transact(Kiln::Json::array({insertOp("Logical_Switch", "ls", row)})).at("ls");
   }
 
   // A Ucast_Macs_Remote insert behind VTEP `ip`, added to `ops`.
   void ucastRemote(Kiln::Json& ops, const Uuid& ls, const std::string& mac, const std::string& ip,
                    const std::string& ipaddr = "") {
-    Kiln::Json row = {{"MAC", mac}, {"logical_switch", reference(ls)}, {"locator", locator(ip, ops)}};
+    Kiln::Json row = {{"MAC", mac}, {"logical_switch", uuidRef(ls)}, {"locator", locator(ip, ops)}};
     if (!ipaddr.empty()) row["ipaddr"] = ipaddr;
     ops.push_back({{"op", "insert"}, {"table", "Ucast_Macs_Remote"}, {"row", row}});
   }
 
-  static Kiln::Json insert(const char* table, const std::string& uuidName, const Kiln::Json& row) {
-    return {{"op", "insert"}, {"table", table}, {"uuid-name", uuidName}, {"row", row}};
-  }
-
-  // Adds the row inserted as `uuidName` to Global's `column`.
-  static Kiln::Json addToGlobal(const char* column, const std::string& uuidName) {
-    return {{"op", "mutate"},
-            {"table", "Global"},
-            {"where", Kiln::Json::array()},
-            {"mutations", Kiln::Json::array({Kiln::Json::array({column, "insert", Kiln::Json::array({"named-uuid", uuidName})})})}};
-  }
-
-  static Kiln::Json reference(const Uuid& uuid) { return Kiln::Json::array({"uuid", uuid.stringValue().stringValue()}); }
-
-  // ["map", [[key, value]]]
-  static Kiln::Json mapOf(const Kiln::Json& key, const Kiln::Json& value) {
-    return Kiln::Json::array({"map", Kiln::Json::array({Kiln::Json::array({key, value})})});
-  }
-
-  static Kiln::Json deleteWhere(const char* table, const char* column, const Kiln::Json& value) {
-    return {{"op", "delete"}, {"table", table}, {"where", Kiln::Json::array({Kiln::Json::array({column, "==", value})})}};
-  }
-
-  // Rewrites Global's other_config and runs `loop` until the mirror that
-  // `ovsdb` returns shows the new value: the agent has then applied every
-  // update the server sent before.
+  // Rewrites Global's other_config and runs `loop` until the mirror shows it:
+  // the agent has then applied every update the server sent before.
   bool synced(LoopRunner& loop, const std::function<Kiln::Ptr<HwVtepOvsdb>()>& ovsdb) {
     const std::string value = std::to_string(++marks_);
     transact(Kiln::Json::array({{{"op", "update"},
@@ -286,7 +285,7 @@ inline void expectMirrorMatchesServer(Controller& db, const HwVtepOvsdb& ovsdb) 
   EXPECT_EQ(keysOf(ovsdb.arpSourcesRemoteRaw()), db.uuids("Arp_Sources_Remote"));
   EXPECT_EQ(keysOf(ovsdb.physicalLocatorRaw()), db.uuids("Physical_Locator"));
   for (const Kiln::Json& row : db.rows("Physical_Locator")) {
-    const Kiln::Ptr<PhysicalLocator> indexed = ovsdb.physicalLocator(Ipkit::IpGenAddr::parse(row["dst_ip"].get<std::string>()));
+    const Kiln::Ptr<PhysicalLocator> indexed = ovsdb.physicalLocator(ip(row["dst_ip"].get<std::string>()));
     EXPECT_TRUE(indexed && indexed->uuid() == uuidOf(row["_uuid"])) << "locator index of " << row["dst_ip"];
   }
   EXPECT_EQ(ovsdb.physicalLocator().size(), ovsdb.physicalLocatorRaw().size());
@@ -295,7 +294,7 @@ inline void expectMirrorMatchesServer(Controller& db, const HwVtepOvsdb& ovsdb) 
   EXPECT_EQ(keysOf(local.remoteHostTable()), keysOf(ovsdb.logicalSwitch()));
   std::map<Uuid, std::map<Ipkit::EthAddr, Uuid>> wanted;
   for (const Kiln::Json& row : db.rows("Ucast_Macs_Remote")) {
-    wanted[uuidOf(row["logical_switch"])][Ipkit::EthAddr::parse(row["MAC"].get<std::string>())] = uuidOf(row["locator"]);
+    wanted[uuidOf(row["logical_switch"])][mac(row["MAC"].get<std::string>())] = uuidOf(row["locator"]);
   }
   for (const auto& [ls, table] : local.remoteHostTable()) {
     std::map<Ipkit::EthAddr, Uuid> held;

@@ -35,7 +35,7 @@ std::set<typename Map::key_type> keysOf(const Map& map) {
   return out;
 }
 
-inline Ovs::JsonPtr parseJson(std::string_view text) { return Ovs::JsonPtr(json_from_string(std::string(text).c_str())); }
+inline Ovs::JsonPtr parseJson(const std::string& text) { return Ovs::JsonPtr(json_from_string(text.c_str())); }
 
 inline std::string toText(const json* j) {
   const Ovs::CString text(json_to_string(j, JSSF_SORT));

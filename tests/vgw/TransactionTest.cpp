@@ -20,7 +20,8 @@ class VgwTransaction : public ::testing::Test {
     const Ovs::JsonPtr global = std::move(serverRows(server_, "Global").at(0));
     unmarshal(*ovsdb_->rootIs(rowUuid(global.get())), global.get(), table("Global"));
     ls_ = Controller(server_).addLogicalSwitch("blue", 5000);
-    unmarshal(*ovsdb_->logicalSwitchIs(ls_), serverRows(server_, "Logical_Switch").at(0).get(), table("Logical_Switch"));
+    const Ovs::JsonPtr blue = std::move(serverRows(server_, "Logical_Switch").at(0));
+    unmarshal(*ovsdb_->logicalSwitchIs(ls_), blue.get(), table("Logical_Switch"));
     EXPECT_TRUE(send(agentInventory(ovsdb_, ls_)));
   }
 

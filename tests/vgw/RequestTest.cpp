@@ -1,5 +1,5 @@
-// Transaction replies without a server: those that are refused whole and
-// those that break the agent's bookkeeping.
+// Transactions without a server: the order of the message, the replies
+// that are refused whole and those that break the agent's bookkeeping.
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
@@ -114,6 +114,30 @@ TEST_F(VgwTransactReply, RepliesThatContradictTheRequestAssert) {
   EXPECT_DEATH(Ovs::JsonPtr(buildUpdate(Uuid(), port)->toJson()), literally("Must specify the update object's uuid"));
   OvsdbCancelRequest cancel;
   EXPECT_DEATH(cancel.processResult(*parseJson("[]")), literally("Base class method should never be called."));
+}
+
+// The reply is read in the order the operations went out, which is fixed
+// by table whatever the order of the enqueues.
+TEST(VgwTransactMessage, OperationsGoOutInTheFixedTableOrder) {
+  OvsdbTransactRequest tx;
+  EXPECT_EQ(tx.toJsonMsg(), nullptr);
+  auto global = Kiln::newPtr<Global>(rowId(1));
+  tx.opEnq(buildUpdate(global->uuid(), global));
+  tx.opEnq(buildInsert(Kiln::newPtr<UcastMacsLocal>(genNamedUuid(), mac("00:aa:00:00:00:01"))));
+  tx.opEnq(buildInsert(Kiln::newPtr<PhysicalSwitch>(genNamedUuid())));
+  tx.opEnq(buildInsert(Kiln::newPtr<Tunnel>(genNamedUuid())));
+  tx.opEnq(buildDelete(rowId(2), OvsdbDataType::physicalSwitch));
+  tx.opIs(OvsdbDataType::physicalPort);  // a table without operations
+  const Ovs::JsonRpcMsgPtr msg(tx.toJsonMsg());
+  ASSERT_TRUE(msg);
+  const struct json_array* params = json_array(ovsc_jsonrpc_msg_params(msg.get()));
+  std::vector<std::string> sent;
+  for (std::size_t i = 1; i < params->n; ++i) {
+    sent.push_back(std::string(json_string(column(params->elems[i], "op"))) + " " +
+                   json_string(column(params->elems[i], "table")));
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{"insert Tunnel", "insert Physical_Switch", "delete Physical_Switch",
+                                            "update Global", "insert Ucast_Macs_Local"}));
 }
 
 }  // namespace

@@ -55,7 +55,8 @@ bool EventLoop::runOnce(double maxWait) {
   const std::uint64_t armedBefore = timerSequence_;
   bool ran = runPosted();
   double wait = maxWait;
-  if (!posted_.empty()) {
+  // A stop asked for by this turn's calls must not wait for an event first.
+  if (!posted_.empty() || stopping_) {
     wait = 0;
   } else if (!timers_.empty()) {
     const double untilTimer = nextTimerTime() - System::currentTime();

@@ -422,6 +422,16 @@ TEST_F(EventLoopTest, aDescriptorFiresEachTurnWhileReadableAndAReactorMayDropAno
   EXPECT_EQ(ra.reads + rb.reads, 5);
 }
 
+TEST_F(EventLoopTest, aStopFromAPostedCallEndsRunWithoutWaitingForAnEvent) {
+  Pipe quiet;
+  auto fd = quiet.reader();
+  Reader r;
+  r.notifierIs(fd);
+  loop().post([&] { loop().stop(); });
+  loop().run();
+  EXPECT_EQ(r.reads, 0);
+}
+
 LogHandle unlimitedHandle("KXT_TEST_UNLIMITED", LogSeverity::warning, "[ %s ]: %s: %s", "", "", 0.0, 1.0, 0);
 LogHandle quietHandle("KXT_TEST_QUIET", LogSeverity::informational, "Value %s is 100%% %s", "", "", 0.0, 1.0, 0);
 

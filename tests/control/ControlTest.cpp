@@ -533,6 +533,20 @@ TEST_F(VgwctlTest, watchPrintsALinePerChangeUntilInterruptedOrTheAgentGoes) {
   EXPECT_EQ(o.err, "vgwctl: the agent at " + socketPath + " closed the connection\n");
 }
 
+TEST_F(VgwctlTest, showRendersAnySectionsAsATableForPeopleAndWholeForScripts) {
+  const std::string longRequest = R"({"method":"transact","params":["hardware_vtep",{"op":"insert","table":"Physical_Switch"}]})";
+  server->opIs("show", [&](const Json&) -> Json {
+    return {{"running", true},
+            {"session", {{"sessionState", "stateConnected"}, {"lastRequest", longRequest}, {"requestCount", 12}}},
+            {"managers", Json::object()}};
+  });
+  const Outcome o = run({"show"});
+  EXPECT_EQ(o.status, 0) << o.err;
+  EXPECT_EQ(o.out, "managers:\n  (none)\n\nrunning: true\n\nsession:\n  lastRequest   " + longRequest.substr(0, 61) +
+                       "...\n  requestCount  12\n  sessionState  stateConnected\n");
+  EXPECT_EQ(Json::parse(run({"show", "--json"}).out)["session"]["lastRequest"], longRequest);
+}
+
 TEST_F(VgwctlTest, usageErrorsAndAnUnreachableAgentExitWithTwoAndTheSocketOptionWins) {
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {}, {"frobnicate"}, {"get", "a", "b"}, {"set", "fleet/config/enabled"}, {"del"}, {"show", "x"},

@@ -60,4 +60,21 @@ TEST_F(CodefTest, yieldsAfterItsQuantumAndResumesOnLaterTurns) {
   EXPECT_EQ(w.slices(), 3u);
 }
 
+TEST_F(CodefTest, delayedAndCancelledSlices) {
+  Worker w(scoped.loop().clock(), time, 1.0);
+  w.items = 1;
+  w.scheduleCodefDelay(2.0);
+  w.scheduleCodefDelay(5.0);  // the earlier request stands
+  scoped.loop().advanceTo(time, 101.5);
+  EXPECT_TRUE(w.perSlice.empty());
+  scoped.loop().advanceTo(time, 102.0);
+  EXPECT_EQ(w.items, 0u);
+
+  w.items = 3;
+  w.scheduleCodef();
+  w.unscheduleCodef();
+  scoped.loop().advanceTo(time, 200.0);
+  EXPECT_EQ(w.items, 3u);
+}
+
 }  // namespace

@@ -16,6 +16,7 @@
 #include "AgentConfig.h"
 #include "AgentSummary.h"
 #include "Hearth/AgentRunner.h"
+#include "Kiln/Log.h"
 #include "Ledger/ControlServer.h"
 #include "Vgw/VgwAgent.h"
 
@@ -35,6 +36,8 @@ Options:
                   (see examples/single-node.json for a complete one)
   --socket PATH   the control socket for vgwctl (default: $VGW_SOCKET, else
                   /run/vgw/vgw-agent.sock)
+  --log-catalogue print every message the agent may log, with its
+                  explanation and recommended action, and exit
   --help, --version
 
 The agent runs until SIGTERM or SIGINT and leaves the database as it is.
@@ -72,6 +75,9 @@ Options parseOptions(int argc, char** argv) {
     };
     if (arg == "--help" || arg == "-h") {
       std::cout << usageText;
+      std::exit(exitOk);
+    } else if (arg == "--log-catalogue") {
+      Kiln::printLogCatalogue(std::cout);
       std::exit(exitOk);
     } else if (arg == "--version") {
       std::cout << "vgw-agent " << VGW_VERSION << '\n';

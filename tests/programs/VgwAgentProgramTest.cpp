@@ -242,6 +242,11 @@ TEST_F(VgwAgentProgram, BadConfigurationsAndArgumentsAreRefusedByNameAndADisable
   Process version(VGW_AGENT_PATH, {"--version"}, dir);
   EXPECT_EQ(version.wait(), 0);
   EXPECT_EQ(version.output().rfind("vgw-agent ", 0), 0u) << version.output();
+  Process catalogue(VGW_AGENT_PATH, {"--log-catalogue"}, dir);
+  EXPECT_EQ(catalogue.wait(), 0);
+  EXPECT_NE(catalogue.output().find("KXT_VGW_INVALID_VLAN_MAP (warning)\n  Format: [ %s ]: Invalid Vlan map on %s"),
+            std::string::npos)
+      << catalogue.output();
 
   config["vgw/cliconfig"]["enableAgent"] = false;
   auto agent = startAgent("");

@@ -1,6 +1,7 @@
-// Monitor messages applied by hand, without a server: the controller's
-// placeholder switch and the tables the agent writes itself; the stale rows
-// a snapshot removes, and the mirror's switch and port upkeep.
+// Monitor messages applied by hand, without a server: what first contents
+// remove and keep, the controller's placeholder switch and the tables the
+// agent writes itself; stale local rows, and the mirror's switch and port
+// upkeep.
 #include <gtest/gtest.h>
 
 #include "SessionSupport.h"
@@ -59,6 +60,26 @@ class VgwMonitorMessage : public ::testing::Test {
   Kiln::Ptr<HwVtepRequestHandlerSm> handler = hwVtepRequestHandlerSmFactory(config, sessionStatus, ovsdb, queue, &root);
   Kiln::Ptr<OvsdbMonitorRequest> request = Kiln::newPtr<OvsdbMonitorRequest>();
 };
+
+TEST_F(VgwMonitorMessage, FirstContentsRemoveWhatTheyLackAndKeepWhatOnlyTheyCarry) {
+  ovsdb->logicalSwitchIs(rowId(1));  // from an earlier session
+  local().remoteHostTableIs(rowId(1));
+  stateIs(SessionState::stateConnecting);
+  Json message = switchAndLocators(2, 7, 3, {"10.0.0.1", "10.0.0.2"});
+  message["Tunnel"][S(5)]["new"] = {{"local", ref(3)}, {"remote", ref(4)}};
+  message["Physical_Port"][S(6)]["new"] = {{"name", "p1"}};
+  ASSERT_TRUE(apply(message));
+  EXPECT_FALSE(ovsdb->logicalSwitch(rowId(1)) || local().remoteHostTable(rowId(1)));
+  EXPECT_EQ(ovsdb->tunnel(LocalRemoteVtepPair(ip("10.0.0.1"), ip("10.0.0.2")))->uuid(), rowId(5));
+  EXPECT_TRUE(ovsdb->physicalPort(rowId(6)));
+
+  // Connected, a port is not stored, and a tunnel's delete leaves the mirror alone.
+  stateIs(SessionState::stateConnected);
+  ASSERT_TRUE(apply({{"Physical_Port", {{S(7), {{"new", {{"name", "p2"}}}}}}},
+                     {"Tunnel", {{S(5), {{"old", {{"local", ref(3)}, {"remote", ref(4)}}}}}}}}));
+  EXPECT_FALSE(ovsdb->physicalPort(rowId(7)));
+  EXPECT_TRUE(ovsdb->tunnel(LocalRemoteVtepPair(ip("10.0.0.1"), ip("10.0.0.2"))));
+}
 
 TEST_F(VgwMonitorMessage, ThePlaceholderSwitchAndItsRowsAreNeverMirrored) {
   stateIs(SessionState::stateConnected);

@@ -107,7 +107,7 @@ class SessionRoot : public RootSmInterface {
 // The agent's inventory as one transaction on `ovsdb`: switch "leaf1" with
 // two ports bound to `ls`, behind VTEP 10.0.0.1; two local MACs on `ls`
 // sharing that VTEP's new locator; the unknown-dst row on a new locator set
-// of 10.0.0.1 and 10.0.0.2; and a partial update of Global naming the switch.
+// of 10.0.0.1 and 10.0.0.2; and Global's switches mutated to take it in.
 inline Kiln::Ptr<OvsdbTransactRequest> agentInventory(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Uuid& ls) {
   auto tx = Kiln::newPtr<OvsdbTransactRequest>();
   tx->ovsdbIs(ovsdb);
@@ -134,11 +134,9 @@ inline Kiln::Ptr<OvsdbTransactRequest> agentInventory(const Kiln::Ptr<HwVtepOvsd
   flood->logicalSwitchIs(ls);
   flood->physicalLocatorSetIs(getPhysicalLocatorSet(*ovsdb, {ip("10.0.0.1"), ip("10.0.0.2")}, *tx)->uuid());
   tx->opEnq(buildInsert(flood));
-  auto global = Kiln::newPtr<Global>(ovsdb->root().begin()->first);
-  global->pSwitchIs(pSwitch->uuid());
-  global->invalidAttribIs("manager", true);
-  global->invalidAttribIs("otherConfig", true);
-  tx->opEnq(buildUpdate(global->uuid(), global));
+  const std::string member = toText(uuidToJson(pSwitch->uuid()).get());
+  tx->opEnq(buildMutate(ovsdb->root().begin()->first, MutaterOp::mutaterOpInsert, "pSwitch", {pSwitch->uuid()},
+                        OvsdbDataType::global, parseJson(R"([["switches", "insert", ["set", [)" + member + "]]]]")));
   return tx;
 }
 

@@ -59,9 +59,9 @@ std::optional<LevelMask> parseLevels(std::string_view levels, std::string* error
 
 }  // namespace
 
-std::optional<LevelSpec> LevelSpec::parse(std::string_view text, std::string* error) {
-  LevelSpec spec;
-  if (trimmed(text).empty()) return spec;
+std::optional<LevelSelection> LevelSelection::parse(std::string_view text, std::string* error) {
+  LevelSelection selection;
+  if (trimmed(text).empty()) return selection;
   while (true) {
     const auto comma = text.find(',');
     const auto entry = trimmed(text.substr(0, comma));
@@ -90,13 +90,13 @@ std::optional<LevelSpec> LevelSpec::parse(std::string_view text, std::string* er
       }
       levels = *parsed;
     }
-    spec.entries_.push_back({std::string(pattern), prefix, levels});
-    if (comma == std::string_view::npos) return spec;
+    selection.entries_.push_back({std::string(pattern), prefix, levels});
+    if (comma == std::string_view::npos) return selection;
     text.remove_prefix(comma + 1);
   }
 }
 
-LevelMask LevelSpec::levelsFor(std::string_view handleName) const {
+LevelMask LevelSelection::levelsFor(std::string_view handleName) const {
   for (const Entry& entry : entries_) {
     const bool matches = entry.prefix ? handleName.starts_with(entry.pattern)
                                       : handleName == entry.pattern;

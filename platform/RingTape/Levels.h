@@ -1,6 +1,6 @@
-// RingTape::LevelSpec: which trace levels of which handles are written.
+// RingTape::LevelSelection: which trace levels of which handles are written.
 //
-// A spec is the text of one environment variable (VGW_TRACE for the trace
+// A selection is the text of one environment variable (VGW_TRACE for the trace
 // stream, VGW_RINGTAPE_LEVELS for the ring), a comma-separated list of
 // entries:
 //
@@ -33,13 +33,13 @@ inline constexpr int levelCount = 10;
 using LevelMask = std::uint16_t;
 inline constexpr LevelMask allLevels = (1u << levelCount) - 1;
 
-class LevelSpec {
+class LevelSelection {
  public:
-  // A spec that selects nothing.
-  LevelSpec() = default;
+  // Selects nothing.
+  LevelSelection() = default;
 
   // nullopt on malformed text, with the reason in *error.
-  static std::optional<LevelSpec> parse(std::string_view text, std::string* error);
+  static std::optional<LevelSelection> parse(std::string_view text, std::string* error);
 
   LevelMask levelsFor(std::string_view handleName) const;
 

@@ -26,8 +26,8 @@ constexpr const char* ringDefault = "*/0-6";
 struct State {
   std::vector<Handle*> handles;
   bool levelsRead = false;
-  LevelSpec streamSpec;
-  LevelSpec ringSpec;
+  LevelSelection streamSelection;
+  LevelSelection ringSelection;
   std::unique_ptr<RingWriter> ring;
   std::ostream* stream = nullptr;
   // Text streams for Statement; the first `streamsInUse` are lent out.
@@ -57,26 +57,26 @@ const char* baseName(const char* path) {
   return slash ? slash + 1 : path;
 }
 
-LevelSpec specFromEnvironment(const char* variable, const char* defaultText) {
+LevelSelection selectionFromEnvironment(const char* variable, const char* defaultText) {
   std::string error;
   if (const char* value = std::getenv(variable)) {
-    if (auto spec = LevelSpec::parse(value, &error)) return *spec;
+    if (auto selection = LevelSelection::parse(value, &error)) return *selection;
     warn(std::string("ignoring ") + variable + "=\"" + value + "\": " + error + "; using " +
          (*defaultText ? std::string("\"") + defaultText + "\"" : "no levels"));
   }
-  return LevelSpec::parse(defaultText, &error).value_or(LevelSpec());
+  return LevelSelection::parse(defaultText, &error).value_or(LevelSelection());
 }
 
 void readLevels() {
   State& s = state();
-  s.streamSpec = specFromEnvironment(streamVariable, "");
-  s.ringSpec = specFromEnvironment(ringVariable, ringDefault);
+  s.streamSelection = selectionFromEnvironment(streamVariable, "");
+  s.ringSelection = selectionFromEnvironment(ringVariable, ringDefault);
   s.levelsRead = true;
 }
 
 void applyLevels(Handle& handle) {
   const State& s = state();
-  handle.levelsAre(s.streamSpec.levelsFor(handle.name()), s.ringSpec.levelsFor(handle.name()),
+  handle.levelsAre(s.streamSelection.levelsFor(handle.name()), s.ringSelection.levelsFor(handle.name()),
                    s.ring != nullptr);
 }
 

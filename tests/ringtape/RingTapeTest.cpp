@@ -27,7 +27,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using RingTape::LevelSpec;
+using RingTape::LevelSelection;
 using Seen = std::vector<std::string>;
 using namespace std::string_literals;
 
@@ -101,9 +101,9 @@ TEST(Levels, FirstMatchingEntryDecidesItemsCombineAndMalformedTextNamesTheFault)
   };
   for (const auto& [text, handle, levels] : cases) {
     std::string error;
-    const auto spec = LevelSpec::parse(text, &error);
-    ASSERT_TRUE(spec) << text << ": " << error;
-    EXPECT_EQ(spec->levelsFor(handle), levels) << text << " for " << handle;
+    const auto selection = LevelSelection::parse(text, &error);
+    ASSERT_TRUE(selection) << text << ": " << error;
+    EXPECT_EQ(selection->levelsFor(handle), levels) << text << " for " << handle;
   }
 
   const std::pair<const char*, const char*> malformed[] = {
@@ -114,7 +114,7 @@ TEST(Levels, FirstMatchingEntryDecidesItemsCombineAndMalformedTextNamesTheFault)
   };
   for (const auto& [text, fault] : malformed) {
     std::string error;
-    EXPECT_FALSE(LevelSpec::parse(text, &error)) << text;
+    EXPECT_FALSE(LevelSelection::parse(text, &error)) << text;
     EXPECT_NE(error.find(fault), std::string::npos) << text << " gave: " << error;
   }
 }

@@ -70,7 +70,8 @@ TEST_F(VgwMonitorMessage, FirstContentsRemoveWhatTheyLackAndKeepWhatOnlyTheyCarr
   message["Physical_Port"][S(6)]["new"] = {{"name", "p1"}};
   ASSERT_TRUE(apply(message));
   EXPECT_FALSE(ovsdb->logicalSwitch(rowId(1)) || local().remoteHostTable(rowId(1)));
-  EXPECT_EQ(ovsdb->tunnel(LocalRemoteVtepPair(ip("10.0.0.1"), ip("10.0.0.2")))->uuid(), rowId(5));
+  const LocalRemoteVtepPair vteps(ip("10.0.0.1"), ip("10.0.0.2"));
+  EXPECT_TRUE(ovsdb->tunnelRaw(rowId(5)) && ovsdb->tunnel(vteps) == ovsdb->tunnelRaw(rowId(5)));
   EXPECT_TRUE(ovsdb->physicalPort(rowId(6)));
 
   // Connected, a port is not stored, and a tunnel's delete leaves the mirror alone.
@@ -78,7 +79,7 @@ TEST_F(VgwMonitorMessage, FirstContentsRemoveWhatTheyLackAndKeepWhatOnlyTheyCarr
   ASSERT_TRUE(apply({{"Physical_Port", {{S(7), {{"new", {{"name", "p2"}}}}}}},
                      {"Tunnel", {{S(5), {{"old", {{"local", ref(3)}, {"remote", ref(4)}}}}}}}}));
   EXPECT_FALSE(ovsdb->physicalPort(rowId(7)));
-  EXPECT_TRUE(ovsdb->tunnel(LocalRemoteVtepPair(ip("10.0.0.1"), ip("10.0.0.2"))));
+  EXPECT_TRUE(ovsdb->tunnel(vteps));
 }
 
 TEST_F(VgwMonitorMessage, ThePlaceholderSwitchAndItsRowsAreNeverMirrored) {

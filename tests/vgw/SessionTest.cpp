@@ -66,11 +66,10 @@ TEST_F(VgwSession, ControllerRowsReachTheMirrorAndTheRemoteHostTables) {
   ops.push_back(addToGlobalOp("switches", "ps"));
   const auto named = db.transact(ops);
   sync();
-  const Uuid vtep1 = db.locatorUuid("10.0.0.1");
 
   ASSERT_EQ(root.state(), SessionState::stateConnected);
   const HwVtepOvsdb& mirror = *root.ovsdb;
-  EXPECT_EQ(mirror.arpSourcesRemote(mac("00:99:00:00:00:01"))->locator(), vtep1);
+  EXPECT_EQ(mirror.arpSourcesRemote(mac("00:99:00:00:00:01"))->locator(), db.locatorUuid("10.0.0.1"));
   EXPECT_EQ(mirror.logicalRouterRaw(named.at("lr"))->switchBinding().size(), 1u);
   EXPECT_TRUE(root.dependents.dirtyRouters.contains(named.at("lr")));
   EXPECT_GT(root.dependents.forcedRefreshes, refreshesBefore);

@@ -119,6 +119,7 @@ class ControlFixture : public testing::Test {
     Kiln::logSyslogIs(false);
     Kiln::logStreamIs(&logged);
     if (!mkdtemp(dir.data())) throw std::runtime_error("mkdtemp failed");
+    socketPath = dir + "/run/vgw/ctl.sock";
     manager->loadDocument(Json::parse(R"({
       "fleet/config": {"@type": "FleetStore::Config", "enabled": true},
       "fleet/cluster/statusDir": {"@type": "FleetCluster::ClusterStatusDir",
@@ -153,7 +154,7 @@ class ControlFixture : public testing::Test {
   std::string dir = (std::filesystem::temp_directory_path() / "vgw-control-XXXXXX").string();
   std::ostringstream logged;
   Kiln::Ptr<Ledger::EntityManager> manager = Kiln::newPtr<Ledger::EntityManager>(Kiln::newPtr<Ledger::Store>());
-  std::string socketPath = dir + "/run/vgw/ctl.sock";
+  std::string socketPath;  // in the directory, once it exists
   Kiln::Ptr<FleetStore::Config> config;
   Kiln::Ptr<OverlaySvc::ErrorStatusV2> errors;
   std::unique_ptr<Ledger::ControlServer> server;

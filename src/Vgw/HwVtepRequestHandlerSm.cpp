@@ -1468,9 +1468,12 @@ void HwVtepOvsdbSm::GlobalSm::handlePSwitch(const Uuid& uuid) {
   HwVtepOvsdb& ovsdb = *hwVtepOvsdbSm_->ovsdb();
   const Kiln::Ptr<PhysicalSwitch> pSwitch = ovsdb.physicalSwitchRaw(uuid);
   if (!pSwitch) return;
-  // An MLAG pair's entry belongs to the pair's own machine.
+  // An MLAG pair's entry belongs to the pair's own machine. A switch renamed
+  // in the same transaction is already filed under its new row.
   if (pSwitch->mlagSystemId() == Fleet::SystemId()) {
-    for (const Fleet::SystemId& systemId : pSwitch->systemId()) localData().physicalSwitchDel(systemId);
+    for (const Fleet::SystemId& systemId : pSwitch->systemId()) {
+      if (localData().physicalSwitch(systemId) == pSwitch) localData().physicalSwitchDel(systemId);
+    }
   }
   ovsdb.physicalSwitchDel(pSwitch->displayName());
   ovsdb.physicalSwitchRawDel(uuid);

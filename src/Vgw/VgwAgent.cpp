@@ -25,6 +25,7 @@
 #include "Ovs/ovsc.h"
 #include "RingTape/RingTape.h"
 #include "Vgw/CliConfigSm.h"
+#include "Vgw/InventorySm.h"
 #include "Vgw/RemoteHostSm.h"
 
 RINGTAPE_HANDLE("VgwAgent");
@@ -144,6 +145,7 @@ RootSm::~RootSm() {
   // The session client goes first, so that nothing is queued while the
   // others go; the handler keeps a pointer to this object until it is gone.
   vgwClientSm_ = nullptr;
+  inventorySm_ = nullptr;
   cliConfigSm_ = nullptr;
   remoteHostSm_ = nullptr;
   requestHandler_ = nullptr;
@@ -223,6 +225,19 @@ void RootSm::remoteHostSmIs(const Kiln::Ptr<Status>& status,
   remoteHostSm_ = remoteHostSmFactory(status, vniStatusDir);
 }
 
+void RootSm::inventorySmIs(const Kiln::Ptr<const FabricMapV3::Status>& topoStatus,
+                           const Kiln::Ptr<const Kiln::Dir>& vtepStatusDir,
+                           const Kiln::Ptr<const Kiln::Dir>& errorStatusDir, const Kiln::Ptr<HwVtepOvsdb>& ovsdb,
+                           const Kiln::Ptr<OvsdbRequestQueue>& requestQueue) {
+  if (inventorySm_ && inventorySm_->topoStatus() == topoStatus && inventorySm_->vtepStatusDir() == vtepStatusDir &&
+      inventorySm_->errorStatusDir() == errorStatusDir && inventorySm_->ovsdb() == ovsdb &&
+      inventorySm_->requestQueue() == requestQueue) {
+    return;
+  }
+  inventorySm_ = nullptr;
+  inventorySm_ = inventorySmFactory(topoStatus, vtepStatusDir, errorStatusDir, ovsdb, requestQueue);
+}
+
 // ---- handlers --------------------------------------------------------------------------------
 
 void RootSm::handleInitialized() {
@@ -287,7 +302,11 @@ void RootSm::handleDisableAgent() {
     requestHandler_->discardRequestIs(true);
   }
   vgwClientSm_ = nullptr;
+  // No tunnel machine yet to lower the flag the switches' VTEPs raise: the
+  // teardown does, as the tunnel machine's own would.
+  localData_->tunnelDirtyIs(false);
   if (const Kiln::Ptr<RemoteHostSm> remoteHost = std::exchange(remoteHostSm_, nullptr)) remoteHost->destroy();
+  if (const Kiln::Ptr<InventorySm> inventory = std::exchange(inventorySm_, nullptr)) inventory->destroy(true);
   KILN_ASSERT(requestHandler_, "requestHandler is NULL");
   requestHandler_->destroy();
   cliConfigSm_ = nullptr;
@@ -350,6 +369,7 @@ void RootSm::handleConnected() {
     VGW_TRACE(6, "Topology and OFC has converged, waiting for errorStatus");
   } else {
     VGW_TRACE(6, "Topology, OFC, and errorStatus has converged.");
+    inventorySmIs(topoStatus_, vtepStatusDirAgg_, errorStatusDir_, status_->ovsdb(), requestQueue_);
     cliConfigSmIs(status_, config_, cliConfig_, topoStatus_, vniStatusDirIn_, requestQueue_);
     localData_->ovsdbSynchronizedIs(true);
   }
@@ -360,6 +380,7 @@ void RootSm::handleConnected() {
 void RootSm::handleDisconnected() {
   if (!initialized_) return;
   VGW_TRACE(5, "RootSm::handleDisconnected");
+  inventorySm_ = nullptr;
   cliConfigSm_ = nullptr;
   remoteHostSm_ = nullptr;
   localData_->reset();

@@ -58,6 +58,7 @@ namespace Vgw {
 
 class Agent;
 class CliConfigSm;
+class InventorySm;
 class RemoteHostSm;
 
 // The agent's mounts in mount order: the local ones, on this node's state,
@@ -106,6 +107,7 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   const Kiln::Ptr<VgwClientSm>& vgwClientSm() const { return vgwClientSm_; }
   const Kiln::Ptr<HwVtepOvsdbSm>& ovsdbSm() const { return ovsdbSm_; }
   const Kiln::Ptr<CliConfigSm>& cliConfigSm() const { return cliConfigSm_; }
+  const Kiln::Ptr<InventorySm>& inventorySm() const { return inventorySm_; }
   // The session's view of the children (RootSmInterface). The logical
   // router and tunnel machines are not part of this agent yet.
   RemoteHostSm* remoteHostSm() const override { return remoteHostSm_.get(); }
@@ -137,6 +139,9 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
                      const Kiln::Ptr<const OverlaySvc::VniStatusDirV2>& vniStatusDir,
                      const Kiln::Ptr<OvsdbRequestQueue>& requestQueue);
   void remoteHostSmIs(const Kiln::Ptr<Status>& status, const Kiln::Ptr<OverlaySvc::VniStatusDirV2>& vniStatusDir);
+  void inventorySmIs(const Kiln::Ptr<const FabricMapV3::Status>& topoStatus,
+                     const Kiln::Ptr<const Kiln::Dir>& vtepStatusDir, const Kiln::Ptr<const Kiln::Dir>& errorStatusDir,
+                     const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<OvsdbRequestQueue>& requestQueue);
 
   void handleInitialized();
   void handleInitialSwitchMountsComplete();
@@ -257,6 +262,7 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   Kiln::Ptr<RemoteHostSm> remoteHostSm_;
   Kiln::Ptr<HwVtepOvsdbSm> ovsdbSm_;
   Kiln::Ptr<CliConfigSm> cliConfigSm_;
+  Kiln::Ptr<InventorySm> inventorySm_;
   bool initialized_ = false;
   KilnTimer disconnectTimer_;
   bool errorStatusMountReady_ = false;

@@ -1,10 +1,12 @@
-// The road of a remote host from the controller's rows to the fabric, with
-// the whole agent in-process: started by the agent host on the example
-// configuration, against a real ovsdb-server, so that the root state machine
-// builds the session and the publication machines as in production and the
-// monitor's narrow and full paths both run. The controller writes with
-// JSON transactions and vtep-ctl; what the fabric sees is read from the
-// state store at vgw/version2/vniStatusDir.
+// The roads between the controller and the fabric, with the whole agent
+// in-process: started by the agent host on the example configuration,
+// against a real ovsdb-server, so that the root state machine builds the
+// session and the machines as in production. A remote host goes from the
+// controller's rows to the fabric (the monitor's narrow and full paths both
+// run); the controller writes with JSON transactions and vtep-ctl, and what
+// the fabric sees is read from the state store at vgw/version2/vniStatusDir.
+// The example fabric goes the other way, loaded as an operator loads it, and
+// read back with vtep-ctl.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -16,6 +18,7 @@
 
 #include "Hearth/AgentRunner.h"
 #include "SessionSupport.h"
+#include "Vgw/InventorySm.h"
 #include "Vgw/VgwAgent.h"
 
 namespace Vgw::Test {
@@ -227,6 +230,31 @@ TEST_F(VgwRoad, ASecondFullReconciliationOfAnUnchangedDatabaseWritesNoMacEntry) 
   move(blue, "00:00:00:00:00:0a", "10.0.0.2", "10.1.1.10");
   ASSERT_TRUE(publishedBehind(5000, "00:00:00:00:00:0a", "10.0.0.2"));
   EXPECT_GT(writes["/macVtepTable"], 0);
+}
+
+TEST_F(VgwRoad, TheExampleFabricAppearsForTheControllerAndLeavesWithTheAgent) {
+  Ledger::EntityManager& store = *runner.localEntityManager();
+  std::ifstream fabric(EXAMPLE_FABRIC);
+  store.loadDocument(Json::parse(std::string(std::istreambuf_iterator<char>(fabric), {})));
+  const auto switchesInGlobal = [&] {
+    const Json switches = db.rows("Global").at(0)["switches"];
+    return switches[0] == "set" ? switches[1].size() : 1u;
+  };
+  loop.advance(0.5);
+  EXPECT_EQ(server.vtepCtl("list-ps"), "leaf1\nleaf2");
+  EXPECT_EQ(server.vtepCtl("list-ports", "leaf2"), "Ethernet1\nEthernet2\nEthernet3\nPort-Channel10");
+  EXPECT_EQ(switchesInGlobal(), 2u);
+  EXPECT_EQ(db.rows("Arp_Sources_Local").size(), 2u);
+
+  // As `vgwctl set vgw/cliconfig/enableAgent false` and back.
+  store.write("vgw/cliconfig/enableAgent", false, Ledger::Writer::external);
+  EXPECT_FALSE(agent->status()->running());
+  EXPECT_EQ(switchesInGlobal(), 0u);
+  EXPECT_EQ(server.vtepCtl("list-ps"), "");
+  store.write("vgw/cliconfig/enableAgent", true, Ledger::Writer::external);
+  ASSERT_TRUE(loop.runUntil([&] { return agent->rootSm()->inventorySm() != nullptr; }));
+  EXPECT_EQ(server.vtepCtl("list-ps"), "leaf1\nleaf2");
+  EXPECT_EQ(db.rows("Arp_Sources_Local").size(), 2u);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "SessionSupport.h"
 #include "Vgw/CliConfigSm.h"
+#include "Vgw/InventorySm.h"
 #include "Vgw/OvsdbSessionRecord.h"
 #include "Vgw/VgwAgent.h"
 #include "Vgw/VgwUtils.h"
@@ -106,7 +107,7 @@ TEST_F(RootSmTest, ConnectedSessionGetsTheReadersAtOnceAndTheWritersAfterConverg
   EXPECT_TRUE(ofcStateReply->convergenceInProgress()) << "the overlay service's state is echoed";
   connect();
   EXPECT_TRUE(root->remoteHostSm());
-  EXPECT_FALSE(root->cliConfigSm());
+  EXPECT_FALSE(root->cliConfigSm() || root->inventorySm());
 
   // Each gate holds the writers: the topology, the error status mounts, the overlay service.
   topoStatus->convergenceStatus()->convergenceInProgressIs(false);
@@ -116,7 +117,7 @@ TEST_F(RootSmTest, ConnectedSessionGetsTheReadersAtOnceAndTheWritersAfterConverg
   EXPECT_FALSE(local().ovsdbSynchronized());
   ofcState->convergenceInProgressIs(false);
   EXPECT_FALSE(ofcStateReply->convergenceInProgress());
-  ASSERT_TRUE(root->cliConfigSm());
+  ASSERT_TRUE(root->cliConfigSm() && root->inventorySm());
   EXPECT_TRUE(local().ovsdbSynchronized());
   EXPECT_EQ(managerTargets(), std::set<std::string>{nvc});
   EXPECT_EQ(globalManagers(), db.uuids("Manager"));
@@ -141,13 +142,13 @@ TEST_F(RootSmTest, DisconnectTearsDownAfterTheNotificationAndReconnectRebuilds) 
   EXPECT_EQ(root->disconnectTime(), loop.now());
   EXPECT_TRUE(root->cliConfigSm() && root->remoteHostSm());
   loop.settle();
-  EXPECT_FALSE(root->cliConfigSm() || root->remoteHostSm());
+  EXPECT_FALSE(root->cliConfigSm() || root->remoteHostSm() || root->inventorySm());
   EXPECT_TRUE(local().remoteHostTable().empty());
   EXPECT_TRUE(vniStatusDirOut->vniStatusV2(Vxlan::Vni(5000))) << "dropped without destroy, the fabric keeps it";
   EXPECT_TRUE(root->requestHandler() && root->vgwClientSm());
   loop.advance(15.0);
   connect();
-  EXPECT_TRUE(root->cliConfigSm() && root->remoteHostSm());
+  EXPECT_TRUE(root->cliConfigSm() && root->remoteHostSm() && root->inventorySm());
   EXPECT_EQ(managerTargets(), std::set<std::string>{nvc});
 }
 

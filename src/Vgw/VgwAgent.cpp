@@ -148,6 +148,7 @@ RootSm::~RootSm() {
   inventorySm_ = nullptr;
   cliConfigSm_ = nullptr;
   remoteHostSm_ = nullptr;
+  lrSm_ = nullptr;
   requestHandler_ = nullptr;
   ovsdbSm_ = nullptr;
 }
@@ -238,6 +239,15 @@ void RootSm::inventorySmIs(const Kiln::Ptr<const FabricMapV3::Status>& topoStatu
   inventorySm_ = inventorySmFactory(topoStatus, vtepStatusDir, errorStatusDir, ovsdb, requestQueue);
 }
 
+void RootSm::lrSmIs(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
+                    const Kiln::Ptr<Kiln::Dir>& lrConfigDir) {
+  if (lrSm_ && lrSm_->ovsdb() == ovsdb && lrSm_->cliConfig() == cliConfig && lrSm_->lrConfigDir() == lrConfigDir) {
+    return;
+  }
+  lrSm_ = nullptr;
+  lrSm_ = lrSmFactory(ovsdb, cliConfig, lrConfigDir);
+}
+
 // ---- handlers --------------------------------------------------------------------------------
 
 void RootSm::handleInitialized() {
@@ -306,6 +316,7 @@ void RootSm::handleDisableAgent() {
   // teardown does, as the tunnel machine's own would.
   localData_->tunnelDirtyIs(false);
   if (const Kiln::Ptr<RemoteHostSm> remoteHost = std::exchange(remoteHostSm_, nullptr)) remoteHost->destroy();
+  if (const Kiln::Ptr<LrSm> lr = std::exchange(lrSm_, nullptr)) lr->destroyConfig();
   if (const Kiln::Ptr<InventorySm> inventory = std::exchange(inventorySm_, nullptr)) inventory->destroy(true);
   KILN_ASSERT(requestHandler_, "requestHandler is NULL");
   requestHandler_->destroy();
@@ -374,6 +385,7 @@ void RootSm::handleConnected() {
     localData_->ovsdbSynchronizedIs(true);
   }
   if (!remoteHostSm_) remoteHostSmIs(status_, vniStatusDirOut_);
+  if (!lrSm_) lrSmIs(status_->ovsdb(), cliConfig_, lrConfigDir_);
   VGW_TRACE(5, "RootSm::handleConnected return");
 }
 
@@ -383,6 +395,7 @@ void RootSm::handleDisconnected() {
   inventorySm_ = nullptr;
   cliConfigSm_ = nullptr;
   remoteHostSm_ = nullptr;
+  lrSm_ = nullptr;
   localData_->reset();
   VGW_TRACE(5, "RootSm::handleDisconnected return");
 }

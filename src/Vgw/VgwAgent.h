@@ -48,6 +48,7 @@
 #include "Ledger/Mount.h"
 #include "Vgw/HwVtepRequestHandlerSm.h"
 #include "Vgw/LocalTypes.h"
+#include "Vgw/LogicalRouterSm.h"
 #include "Vgw/VgwClientSm.h"
 #include "entities/FabricMapV3.h"
 #include "entities/Fleet.h"
@@ -108,10 +109,10 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   const Kiln::Ptr<HwVtepOvsdbSm>& ovsdbSm() const { return ovsdbSm_; }
   const Kiln::Ptr<CliConfigSm>& cliConfigSm() const { return cliConfigSm_; }
   const Kiln::Ptr<InventorySm>& inventorySm() const { return inventorySm_; }
-  // The session's view of the children (RootSmInterface). The logical
-  // router and tunnel machines are not part of this agent yet.
+  // The session's view of the children (RootSmInterface). The tunnel
+  // machine is not part of this agent yet.
   RemoteHostSm* remoteHostSm() const override { return remoteHostSm_.get(); }
-  LrSmInterface* lrSm() const override { return nullptr; }
+  LrSm* lrSm() const override { return lrSm_.get(); }
   TunnelSmInterface* tunnelSm() const override { return nullptr; }
 
   bool initialized() const { return initialized_; }
@@ -142,6 +143,8 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   void inventorySmIs(const Kiln::Ptr<const FabricMapV3::Status>& topoStatus,
                      const Kiln::Ptr<const Kiln::Dir>& vtepStatusDir, const Kiln::Ptr<const Kiln::Dir>& errorStatusDir,
                      const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<OvsdbRequestQueue>& requestQueue);
+  void lrSmIs(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
+              const Kiln::Ptr<Kiln::Dir>& lrConfigDir);
 
   void handleInitialized();
   void handleInitialSwitchMountsComplete();
@@ -260,6 +263,7 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   Kiln::Ptr<HwVtepRequestHandlerSm> requestHandler_;
   Kiln::Ptr<VgwClientSm> vgwClientSm_;
   Kiln::Ptr<RemoteHostSm> remoteHostSm_;
+  Kiln::Ptr<LrSm> lrSm_;
   Kiln::Ptr<HwVtepOvsdbSm> ovsdbSm_;
   Kiln::Ptr<CliConfigSm> cliConfigSm_;
   Kiln::Ptr<InventorySm> inventorySm_;

@@ -385,7 +385,9 @@ void RootSm::handleConnected() {
     localData_->ovsdbSynchronizedIs(true);
   }
   if (!remoteHostSm_) remoteHostSmIs(status_, vniStatusDirOut_);
-  if (!lrSm_) lrSmIs(status_->ovsdb(), cliConfig_, lrConfigDir_);
+  // Unlike the remote host machine, this one holds the mirror: after a
+  // repeated enable it must follow the new one.
+  lrSmIs(status_->ovsdb(), cliConfig_, lrConfigDir_);
   VGW_TRACE(5, "RootSm::handleConnected return");
 }
 

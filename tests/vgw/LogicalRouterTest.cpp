@@ -247,6 +247,11 @@ TEST_F(LogicalRouterRoad, TheRootBuildsTheMachineOnConnectAndItsTeardownRemovesT
   EXPECT_TRUE(router("r1"));
   EXPECT_FALSE(router("r2"));
 
+  // A repeated enable makes a new mirror, and the machine follows it.
+  root->handleEnableAgent();
+  ASSERT_TRUE(loop.runUntil([&] { return root->lrSm()->ovsdb() == status->ovsdb(); }));
+  EXPECT_TRUE(router("r1"));
+
   cliConfig->enableAgentIs(false);
   EXPECT_FALSE(lrConfigDir->entityPtr("vgw"));
   EXPECT_EQ(db.rows("Logical_Router").size(), 1u) << "the controller's rows stay";

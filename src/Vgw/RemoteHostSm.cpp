@@ -194,16 +194,24 @@ void LogicalSwitchSm::handleInitialized() {
 }
 
 void LogicalSwitchSm::handleTunnelKey() {
+  // The machine holds a VNI only while its row alone claims it. A key that
+  // the controller clears, or gives to a second switch too, releases it: the
+  // full reconciliation has swept that VniStatusV2 already, and a machine
+  // still holding the VNI would publish into a status that is gone.
   const Vxlan::VniOrNone tunnelKey = logicalSwitch_->tunnelKey();
-  if (!tunnelKey.isValid()) return;
-  const Vxlan::Vni vni = tunnelKey.vni();
-  const Kiln::Ptr<VniToLogicalSwitch> claim = Kiln::Entity::singletonIs<LocalData>()->vniToLogicalSwitch(vni);
-  // A VNI that two logical switches claim goes to neither, and the machine
-  // keeps what it held: `vni` is written here and nowhere else.
-  if (!claim || claim->logicalSwitch().size() != 1) return;
-  VGW_TRACE(6, "Adding (" << vni << ") to VniStatusDir");
-  vniStatusDir_->vniStatusV2Is(vni);
-  vni_ = tunnelKey;
+  Vxlan::VniOrNone held = Vxlan::VniOrNone::invalidVni();
+  if (tunnelKey.isValid()) {
+    const Kiln::Ptr<VniToLogicalSwitch> claim =
+        Kiln::Entity::singletonIs<LocalData>()->vniToLogicalSwitch(tunnelKey.vni());
+    if (claim && claim->logicalSwitch().size() == 1) held = tunnelKey;
+  }
+  if (held.isValid()) {
+    VGW_TRACE(6, "Adding (" << held << ") to VniStatusDir");
+    vniStatusDir_->vniStatusV2Is(held.vni());
+  } else if (vni_.isValid()) {
+    VGW_TRACE(6, "Releasing (" << vni_ << "), tunnel key " << tunnelKey);
+  }
+  vni_ = held;
 }
 
 void LogicalSwitchSm::handleUcastMacVtep() {

@@ -8,8 +8,9 @@
 // flood a multicast MAC and which address belongs to which MAC.
 //
 // RemoteHostSm owns one LogicalSwitchSm per Logical_Switch row of the mirror.
-// A LogicalSwitchSm adopts its row's VNI only when no other logical switch
-// claims the same key, and publishes nothing while it holds no VNI. Neither
+// A LogicalSwitchSm holds its row's VNI only while no other logical switch
+// claims the same key, gives it up when the key goes or is shared, and
+// publishes nothing while it holds no VNI. Neither
 // machine follows rows by itself: the monitor path calls handleInitialized()
 // after an update (a full reconciliation, free when nothing changed) or the
 // per-key handlers for a pure remote-unicast update. The one reactor here

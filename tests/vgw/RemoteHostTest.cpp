@@ -4,9 +4,11 @@
 // nothing.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <initializer_list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -336,6 +338,63 @@ TEST_F(RemoteHostSmTest, multicastEntriesFollowTheVtepListTypeArpSourcesReachEve
   EXPECT_EQ(published(6000)->macVtepTable(hostB), macEntry(hostB, "10.0.0.2"));
 }
 
+// Controller work that changes which switch holds a VNI: a machine holds its
+// VNI only while its row alone claims it, and a full pass publishes exactly
+// the VNIs that one switch claims, each with its switch's hosts.
+TEST_F(RemoteHostSmTest, aVniFollowsItsOnlyClaimantThroughClearedSharedAndChangedKeys) {
+  const Uuid blue = logicalSwitch(1, Vxlan::Vni(5000));
+  const Uuid green = logicalSwitch(2, Vxlan::Vni(6000));
+  ucast(10, blue, hostA, vtepA);
+  auto sm = start();
+  // What the monitor leaves after a Logical_Switch change: the mirror's key
+  // and the VNI index rebuilt from all keys.
+  const auto key = [&](const Uuid& ls, std::optional<std::int64_t> vni) {
+    if (!ovsdb->logicalSwitch(ls)) {
+      ovsdb->logicalSwitchIs(ls);
+      localData->remoteHostTableIs(ls);
+    }
+    ovsdb->logicalSwitch(ls)->tunnelKeyIs(vni ? Vxlan::VniOrNone(*vni) : Vxlan::VniOrNone::invalidVni());
+  };
+  const auto drop = [&](const Uuid& ls) {
+    localData->remoteHostTableDel(ls);
+    ovsdb->logicalSwitchDel(ls);
+  };
+  const auto reconcile = [&] {
+    localData->vniToLogicalSwitchDelAll();
+    for (const auto& [uuid, ls] : ovsdb->logicalSwitch()) {
+      if (ls->tunnelKey().isValid()) localData->vniToLogicalSwitchIs(ls->tunnelKey().vni())->logicalSwitchIs(uuid);
+    }
+    sm->handleInitialized();
+  };
+  const Uuid red = rowId(3);
+  struct Step {
+    const char* what;
+    std::function<void()> change;
+    std::map<std::int64_t, std::set<EthAddr>> published;
+  };
+  const std::vector<Step> steps = {
+      {"blue's key cleared, with a host", [&] { key(blue, std::nullopt); }, {{6000, {}}}},
+      {"blue's key back", [&] { key(blue, 5000); }, {{5000, {hostA}}, {6000, {}}}},
+      {"green's key cleared, without hosts", [&] { key(green, std::nullopt); }, {{5000, {hostA}}}},
+      {"red takes blue's key", [&] { key(red, 5000); }, {}},
+      {"red deleted", [&] { drop(red); }, {{5000, {hostA}}}},
+      {"green takes blue's key", [&] { key(green, 5000); }, {}},
+      {"blue moves to 7000", [&] { key(blue, 7000); }, {{5000, {}}, {7000, {hostA}}}},
+      {"green and blue swap", [&] { key(green, 7000), key(blue, 5000); }, {{5000, {hostA}}, {7000, {}}}},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    step.change();
+    reconcile();
+    std::map<std::int64_t, std::set<EthAddr>> seen;
+    for (const auto& [vni, entry] : dir->vniStatusV2()) seen[vni.value()] = keysOf(entry->macVtepTable());
+    EXPECT_EQ(seen, step.published);
+    // The per-key handlers of every machine agree with the full pass.
+    for (const auto& [uuid, machine] : sm->logicalSwitchSm()) machine->handleUcastMacVtep(hostA);
+    for (const auto& [vni, entry] : dir->vniStatusV2()) EXPECT_EQ(keysOf(entry->macVtepTable()), seen[vni.value()]);
+  }
+}
+
 using RemoteHostSmDeathTest = RemoteHostSmTest;
 
 TEST_F(RemoteHostSmDeathTest, breachesOfTheMirrorEndTheProcess) {
@@ -353,10 +412,9 @@ TEST_F(RemoteHostSmDeathTest, breachesOfTheMirrorEndTheProcess) {
   EXPECT_DEATH(sm->handleInitialized(), "Assertion failed: physicalLocator \\(");
   localData->remoteHostTable(blue)->ucastMacRemove(stray);
 
-  // A machine keeps the VNI that it adopted when its key turns duplicate,
-  // finds the VNI's status gone, and stops the agent at its first entry.
-  logicalSwitch(2, Vxlan::Vni(5000));
-  EXPECT_DEATH(sm->handleInitialized(), "Assertion failed: vniStatus \\(");
+  // The status of a VNI that the machine holds, removed behind its back.
+  dir->vniStatusV2Del(Vxlan::Vni(5000));
+  EXPECT_DEATH(sm->logicalSwitchSm(blue)->handleUcastMacVtep(hostA), "Assertion failed: vniStatus \\(");
 }
 
 }  // namespace

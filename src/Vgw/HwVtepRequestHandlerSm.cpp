@@ -107,6 +107,16 @@ Vxlan::VniOrNone tunnelKeyOf(const HwVtepOvsdb& ovsdb, const Uuid& logicalSwitch
   return ls ? ls->tunnelKey() : Vxlan::VniOrNone::invalidVni();
 }
 
+// A local MAC row is kept per VNI. The controller may clear the key of its
+// switch (or set one beyond the range) while the agent is away; such a row
+// stays in the database, outside the working data, until the switch has a
+// VNI again.
+bool hasVni(const LogicalSwitch& ls, const Uuid& row) {
+  if (ls.tunnelKey().isValid()) return true;
+  VGW_TRACE(0, "Local MAC row " << row << " on logical switch " << ls.uuid() << " without a VNI, left out");
+  return false;
+}
+
 bool isUplink(const HwVtepOvsdb& ovsdb, const Uuid& logicalSwitch) {
   return ovsdb.logicalSwitch(logicalSwitch) && !tunnelKeyOf(ovsdb, logicalSwitch).isValid();
 }
@@ -1102,6 +1112,7 @@ void HwVtepRequestHandlerSm::processUcastMacsLocal(NotifyType type, const Uuid& 
   KILN_ASSERT(!parts.locator.isNull(), "!!locator && \"Invalid locator\"");
   const Kiln::Ptr<LogicalSwitch> ls = ovsdb_->logicalSwitch(parts.logicalSwitch);
   KILN_ASSERT(ls, "hwVtepOvsdb->logicalSwitch( logicalSwitch )");
+  if (!hasVni(*ls, uuid)) return;
   const Vxlan::Vni vni = ls->tunnelKey().vni();
   const Ipkit::EthAddr mac = toEthAddr(parts.mac.stringValue());
 
@@ -1131,6 +1142,7 @@ void HwVtepRequestHandlerSm::processMcastMacsLocal(NotifyType type, const Uuid& 
   KILN_ASSERT(!parts.locatorSet.isNull(), "!!locatorSet && \"Invalid locator set\"");
   const Kiln::Ptr<LogicalSwitch> ls = ovsdb_->logicalSwitch(parts.logicalSwitch);
   KILN_ASSERT(ls, "hwVtepOvsdb->logicalSwitch( logicalSwitch )");
+  if (!hasVni(*ls, uuid)) return;
   const Vxlan::Vni vni = ls->tunnelKey().vni();
   const Ipkit::EthAddr mac = toEthAddr(parts.mac.stringValue());
 

@@ -218,14 +218,22 @@ void readVlanMap(const Cell& cell, Row& row, const std::map<Bridging::VlanIdOrNo
           });
 }
 
-// An optional integer column holding a VNI: none reads as the invalid VNI,
-// a value out of range throws Vxlan::Vni's range error.
-std::uint32_t readTunnelKey(const Cell& cell) {
+// An optional integer column holding a VNI: none reads as the invalid VNI.
+// The schema lets the controller write any integer, so a value outside the
+// VNI range reads as no key too, with a trace naming the row: refusing it
+// would end the agent at every start while the row exists.
+Vxlan::VniOrNone readTunnelKey(const Cell& cell, const OvsdbDataModel& row) {
   KILN_ASSERT(cell.keyType() == OVSC_TYPE_INTEGER, keyIsInteger);
   const unsigned n = cell.count();
-  if (n == 0) return Vxlan::VniOrNone::none;
+  if (n == 0) return Vxlan::VniOrNone::invalidVni();
   KILN_ASSERT(n == 1, "datum.n == 1");
-  return Vxlan::Vni(cell.integer()).value();
+  const std::int64_t key = cell.integer();
+  if (key < std::int64_t{Vxlan::Vni::min} || key > std::int64_t{Vxlan::Vni::max}) {
+    VGW_TRACE(0, ovsdbTableName(row.type()) << " " << row.uuid() << ": tunnel_key " << key
+                                            << " is outside the VNI range, read as no key");
+    return Vxlan::VniOrNone::invalidVni();
+  }
+  return Vxlan::Vni(key);
 }
 
 // The next hops of a static route: addresses separated by ";".
@@ -552,7 +560,7 @@ void unmarshal(LogicalSwitch& row, const json* data, const ovsdb_table_schema& s
     } else if (name == "description") {
       row.descIs(cell.text());
     } else if (name == "tunnel_key") {
-      row.tunnelKeyIs(Vxlan::VniOrNone(readTunnelKey(cell)));
+      row.tunnelKeyIs(readTunnelKey(cell, row));
     } else if (name == "replication_mode") {
       ReplicationMode mode = ReplicationMode::replicationModeNone;
       if (cell.count() == 1) enumFromName(cell.text(), mode);
@@ -634,7 +642,7 @@ void unmarshal(PhysicalLocator& row, const json* data, const ovsdb_table_schema&
     } else if (name == "dst_ip") {
       dstIp = toIpGenAddr(cell.text());
     } else if (name == "tunnel_key") {
-      row.tunnelKeyIs(readTunnelKey(cell));
+      row.tunnelKeyIs(readTunnelKey(cell, row).value());
     } else if (name == "acl_binding") {
       VGW_TRACE(8, "Ignoring acl_bindings");
     } else if (name == "LR_fault_status") {

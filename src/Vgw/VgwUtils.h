@@ -12,8 +12,8 @@
 // agent facing a hardware_vtep schema of another version stops rather than
 // keep a mirror of unknown content. Malformed addresses are not structure:
 // they are traced and read as the empty value, and a VLAN key out of range
-// drops only its entry. A tunnel key out of range throws the range error of
-// Vxlan::Vni to the caller.
+// drops only its entry. A tunnel key outside the VNI range reads as no key,
+// with a level-0 trace naming the row.
 //
 // marshal() writes the columns the agent owns. An attribute that the row
 // marks invalid (a partial row) is left out; everything else is written,

@@ -119,6 +119,31 @@ TEST_F(VgwMonitorMessage, TheAgentsOwnTablesAcceptFirstContentsOnly) {
   }
 }
 
+// The agent's own local MAC rows on a switch that has lost its VNI (the key
+// cleared or set beyond the range while the agent was away) are left in the
+// database; the first contents are applied around them.
+TEST_F(VgwMonitorMessage, LocalMacRowsOnASwitchWithoutAVniAreLeftOut) {
+  for (const Json& key : {Json(16777216), Json(-1), Json::array({"set", Json::array()})}) {
+    SCOPED_TRACE(key.dump());
+    freshLocalData();
+    TraceCapture trace("VgwRequestHandler/0");
+    stateIs(SessionState::stateConnecting);
+    Json message = switchAndLocators(1, 10, 2, {"10.0.0.1", "10.0.0.2"});
+    message["Logical_Switch"][S(1)]["new"]["tunnel_key"] = key;
+    message["Physical_Locator_Set"][S(4)]["new"] = {{"locators", Json::array({"set", Json::array({ref(2), ref(3)})})}};
+    message["Ucast_Macs_Local"][S(10)]["new"] = {
+        {"MAC", "00:00:00:00:00:01"}, {"logical_switch", ref(1)}, {"locator", ref(2)}};
+    message["Mcast_Macs_Local"][S(11)]["new"] = {
+        {"MAC", "unknown-dst"}, {"logical_switch", ref(1)}, {"locator_set", ref(4)}};
+    ASSERT_TRUE(apply(message));
+    EXPECT_TRUE(local().ucastMacsLocalTable().empty() && local().mcastMacsLocalTable().empty());
+    EXPECT_TRUE(trace.contains("Local MAC row " + S(10) + " on logical switch " + S(1) + " without a VNI"))
+        << trace.text();
+    EXPECT_TRUE(trace.contains("Local MAC row " + S(11))) << trace.text();
+    EXPECT_FALSE(ovsdb->logicalSwitch(rowId(1))->tunnelKey().isValid());
+  }
+}
+
 TEST(VgwStaleRows, LocalMacsAreJudgedByMacAndVniAndOrphanedIndexEntriesGo) {
   freshLocalData();
   LocalData& local = *Kiln::Entity::singletonIs<LocalData>();

@@ -40,11 +40,14 @@ const Ipkit::IpGenAddr& vtepAddress(const HwVtepOvsdb* ovsdb, const Uuid& locato
   return found->second->key().dstIp();
 }
 
-// An address behind which no remote VTEP can be reached.
-bool isUselessVtep(const Ipkit::IpGenAddr& ip) {
-  return ip.isLoopback() || (ip.isV4() && ip.v4Addr().isAny()) || (ip.isV6() && ip.v6Addr().isUnspecified()) ||
-         ip.isEmpty();
-}
+// Whether a locator's address names a VTEP of the fabric at all. The
+// fabric's VTEPs are IPv4: an IPv6 address, the all-zero one and one that did
+// not parse (read as no address) name none, and publishing them would send
+// the fabric to 0.0.0.0.
+bool isFabricVtep(const Ipkit::IpGenAddr& ip) { return ip.isV4() && !ip.v4Addr().isAny(); }
+
+// An address behind which no remote host can be reached.
+bool isUselessVtep(const Ipkit::IpGenAddr& ip) { return !isFabricVtep(ip) || ip.isLoopback(); }
 
 // Publishes the VTEP of one host that the remote host table holds. The
 // whole-table passes call this with the entry in hand, so that a pass costs
@@ -88,17 +91,30 @@ void publishIpToMac(OverlaySvc::VniStatusV2& status, const HwVtepOvsdb* ovsdb, c
                         OverlaySvc::IpToMacV2(entry.ip(), entry.mac(), publishedMoves, publishedPreference));
 }
 
-// Calls `take` with the published address of every VTEP of a locator set;
-// loopback addresses are not filtered.
+// Calls `take` with the published address of every VTEP of a locator set.
+// Loopback addresses are not filtered; members that name no VTEP of the
+// fabric are left out.
 template <class Take>
 void forEachVtep(const HwVtepOvsdb* ovsdb, const Uuid& locatorSet, Take take) {
   const Kiln::Ptr<PhysicalLocatorSet> locators = ovsdb->physicalLocatorSet(locatorSet);
   KILN_ASSERT(locators, "physicalLocatorSet");
   for (const Uuid& locator : locators->locator()) {
     const Ipkit::IpGenAddr& vtep = vtepAddress(ovsdb, locator);
+    if (!isFabricVtep(vtep)) {
+      VGW_TRACE(6, "Vtep Ip: " << vtep << " of locator " << locator << " names no IPv4 VTEP, left out");
+      continue;
+    }
     VGW_TRACE(7, "Vtep Ip: " << vtep);
     take(vtep.v4Addr());
   }
+}
+
+// The ARP source of `mac` that the fabric is told about: one whose locator
+// names a VTEP of the fabric.
+Kiln::Ptr<ArpSourcesRemote> publishedArpSource(const HwVtepOvsdb& ovsdb, const Ipkit::EthAddr& mac) {
+  Kiln::Ptr<ArpSourcesRemote> row = ovsdb.arpSourcesRemote(mac);
+  if (!row || !isFabricVtep(vtepAddress(&ovsdb, row->locator()))) return nullptr;
+  return row;
 }
 
 template <class Container>
@@ -112,7 +128,7 @@ std::vector<typename Container::key_type> keysOf(const Container& c) {
 void sweepStaleEntries(OverlaySvc::VniStatusV2& status, const RemoteHostTable* table, const HwVtepOvsdb* ovsdb) {
   // ARP sources share the unicast table and have no place in macVtep.
   const auto staleUcast = Kiln::keysToDrop(status.macVtepTable(), [&](const Ipkit::EthAddr& mac) {
-    return (table && table->macVtep().contains(mac)) || (ovsdb && ovsdb->arpSourcesRemote().contains(mac));
+    return (table && table->macVtep().contains(mac)) || (ovsdb && publishedArpSource(*ovsdb, mac));
   });
   for (const Ipkit::EthAddr& mac : staleUcast) {
     VGW_TRACE(6, "Cleaning up stale ucast mac: " << mac);
@@ -274,6 +290,11 @@ void LogicalSwitchSm::handleMacVtepMultiPath(const Ipkit::EthAddr& mac) {
   OverlaySvc::MacVtepMultiPathV2 wanted(mac);
   forEachVtep(hwVtepOvsdb_.get(), entry.physicalLocatorSet(),
               [&](const Ipkit::IpAddr& vtep) { wanted.vtepIpListIs(vtep, true); });
+  if (wanted.vtepIpList().empty()) {
+    VGW_TRACE(6, "Delete mcast mac " << mac << ", vni: " << vni_ << ", no VTEP of the fabric in its set");
+    status->macVtepMultiPathTableDel(mac);
+    return;
+  }
   const auto& table = status->macVtepMultiPathTable();
   const auto current = table.find(mac);
   if (current == table.end() || current->second == OverlaySvc::MacVtepMultiPathV2()) {
@@ -303,6 +324,11 @@ void LogicalSwitchSm::handleMacVtepFloodList(const Ipkit::EthAddr& mac) {
     const auto result = wanted.insert(vtep);
     KILN_ASSERT(result.second, "result.second && \"Duplicate Vtep Ip found in flood set.\"");
   });
+  if (wanted.empty()) {
+    VGW_TRACE(6, "Delete mcast mac " << mac << ", vni: " << vni_ << ", no VTEP of the fabric in its set");
+    status->macVtepFloodListTableDel(mac);
+    return;
+  }
   const Kiln::Ptr<OverlaySvc::MacVtepFloodListV2> current = status->macVtepFloodListTable(mac);
   if (!current) {
     VGW_TRACE(6, "Add flood list mac");
@@ -474,6 +500,12 @@ void RemoteHostSm::handleArpSourcesRemote() {
 void RemoteHostSm::handleArpSourcesRemote(const Ipkit::EthAddr& mac) {
   const Kiln::Ptr<const HwVtepOvsdb> ovsdb = hwVtepOvsdb();
   const Kiln::Ptr<ArpSourcesRemote> row = ovsdb ? ovsdb->arpSourcesRemote(mac) : nullptr;
+  if (row && !publishedArpSource(*ovsdb, mac)) {
+    // Its earlier entry goes in the next full reconciliation's sweep, which
+    // can tell it from a host of the same MAC.
+    VGW_TRACE(6, "Arp source mac " << mac << " names no IPv4 VTEP, not published");
+    return;
+  }
   if (!row) {
     // A unicast entry of the same MAC goes too, until the logical switch
     // publishes it again.

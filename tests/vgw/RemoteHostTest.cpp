@@ -395,6 +395,57 @@ TEST_F(RemoteHostSmTest, aVniFollowsItsOnlyClaimantThroughClearedSharedAndChange
   }
 }
 
+// The fabric's VTEPs are IPv4: a locator with an IPv6 address, or one that
+// did not parse (read as no address, as the all-zero one is), names no VTEP.
+// Such a host leaves the fabric while its row stays, a flood set goes out
+// without such members, and an ARP source behind one is published nowhere.
+TEST_F(RemoteHostSmTest, locatorsWithoutAnIpv4VtepArePublishedNowhere) {
+  const Uuid blue = logicalSwitch(1, Vxlan::Vni(5000));
+  const Uuid v6 = locator(805, "2001:db8::1");
+  const Uuid v6b = locator(806, "2001:db8::2");
+  ovsdb->physicalLocatorRawIs(rowId(807));  // a dst_ip that did not parse
+  const Uuid unparsed = rowId(807);
+  const EthAddr router = mac("00:00:00:00:00:ee");
+  const auto arp = ovsdb->arpSourcesRemoteRawIs(rowId(60));
+  arp->srcMacIs(router);
+  arp->locatorIs(vtepA);
+  ovsdb->arpSourcesRemoteIs(router, arp);
+  const auto hostOnA = ucast(10, blue, hostA, vtepA);
+  ucast(11, blue, hostB, v6);
+  ucast(12, blue, mac("00:00:00:00:00:0c"), unparsed);
+  const EthAddr group1 = mac("01:00:5e:00:00:01");
+  const EthAddr group2 = mac("01:00:5e:00:00:02");
+  mcast(20, blue, unknownDst, locatorSet(50, {vtepB, v6, unparsed}));
+  mcast(21, blue, group1, locatorSet(51, {v6, v6b}));
+  mcast(22, blue, group2, locatorSet(52, {unparsed}));
+  auto sm = start();
+
+  const auto check = [&](const char* what) {
+    SCOPED_TRACE(what);
+    const Kiln::Ptr<VniStatusV2> entry = published(5000);
+    ASSERT_TRUE(entry);
+    EXPECT_EQ(entry->macVtepTable(), (VniStatusV2::MacVtepTableType{{hostA, macEntry(hostA, "10.0.0.1")},
+                                                                     {router, macEntry(router, "10.0.0.1")}}));
+    std::map<EthAddr, std::set<IpAddr>> floods;
+    for (const auto& [m, list] : entry->macVtepFloodListTable()) floods[m] = keysOf(list->vtepIpFloodList());
+    for (const auto& [m, paths] : entry->macVtepMultiPathTable()) floods[m] = keysOf(paths.vtepIpList());
+    EXPECT_EQ(floods, (std::map<EthAddr, std::set<IpAddr>>{{unknownDst, {ip4("10.0.0.2")}}}));
+  };
+  check("flood list");
+  status->vtepListTypeIs(VtepListType::multiPath);
+  sm->handleInitialized();
+  check("multi path");
+
+  // A published host and ARP source moved behind an IPv6 VTEP leave the fabric.
+  localData->remoteHostTable(blue)->ucastMacRemove(hostOnA);
+  ucast(13, blue, hostA, v6b);
+  arp->locatorIs(v6);
+  sm->handleInitialized();
+  EXPECT_TRUE(published(5000)->macVtepTable().empty());
+  sm->handleArpSourcesRemote(router);
+  EXPECT_TRUE(published(5000)->macVtepTable().empty());
+}
+
 using RemoteHostSmDeathTest = RemoteHostSmTest;
 
 TEST_F(RemoteHostSmDeathTest, breachesOfTheMirrorEndTheProcess) {

@@ -52,6 +52,20 @@ std::optional<Kiln::String> EntityManager::mountFlags(std::string_view path) con
   return std::nullopt;
 }
 
+void EntityManager::entityCheckIs(const Kiln::TypeInfo& type, EntityCheck check) {
+  store_->entityCheckIs(type, std::move(check));
+}
+
+template <class Change>
+void EntityManager::checkChange(const Location& loc, const Path& path, std::string_view where, Change change) const {
+  const Kiln::TypeInfo& type = loc.owner->typeInfo();
+  if (!store_->hasChecks(type)) return;
+  const Kiln::Ptr<Kiln::Entity> candidate = type.scratchLike(*loc.owner);
+  type.assignFrom(*candidate, *loc.owner);
+  within(where, [&] { change(*candidate); });
+  store_->check(*candidate, path.prefix(loc.ownerDepth));
+}
+
 void EntityManager::pathTypeIs(std::string_view path, const Kiln::TypeInfo& type) {
   store_->declaredTypeIs(Path::parse(path), path, type);
 }
@@ -65,6 +79,7 @@ void EntityManager::loadDocument(const Kiln::Json& document) {
     const Path path = Path::parse(where);
     store_->checkWrite(path, where, Writer::external);
     plans.push_back(store_->planEntity(path, where, json));
+    store_->check(*plans.back().scratch, where);
     if (!given.insert(path.text()).second) fail(where, "given twice in the document");
   }
   for (const EntityPlan& plan : plans) {
@@ -100,12 +115,16 @@ void EntityManager::write(std::string_view path, const Kiln::Json& json, Writer 
       if (json.is_object() && !json.contains("@type") && !dir.entryType())
         fail(path, loc.missing + "; give \"@type\" to create one");
     }
-    store_->applyEntity(store_->planEntity(p, path, json));
+    const EntityPlan plan = store_->planEntity(p, path, json);
+    store_->check(*plan.scratch, path);
+    store_->applyEntity(plan);
   } else if (loc.kind == Location::Kind::member) {
+    checkChange(loc, p, path, [&](Kiln::Entity& e) { loc.attr->memberAssignJson(e, loc.key, json); });
     within(path, [&] { loc.attr->memberAssignJson(*loc.owner, loc.key, json); });
   } else {
     if (loc.attr->kind == Kiln::AttrKind::key) fail(path, "is a key and cannot be changed");
     if (!loc.attr->writable) fail(path, "is an index kept by the agent and cannot be written");
+    checkChange(loc, p, path, [&](Kiln::Entity& e) { loc.attr->assignJson(e, json); });
     within(path, [&] { loc.attr->assignJson(*loc.owner, json); });
   }
 }
@@ -118,6 +137,7 @@ void EntityManager::remove(std::string_view path, Writer writer) {
   if (loc.kind == Location::Kind::entry) {
     static_cast<Kiln::Dir&>(*loc.owner).deleteEntity(Kiln::Name(loc.key));
   } else if (loc.kind == Location::Kind::member) {
+    checkChange(loc, p, path, [&](Kiln::Entity& e) { loc.attr->memberDel(e, loc.key); });
     within(path, [&] { loc.attr->memberDel(*loc.owner, loc.key); });
   } else if (loc.attr->kind == Kiln::AttrKind::child) {
     loc.attr->assignJson(*loc.owner, Kiln::Json());

@@ -26,6 +26,12 @@
 // over a directory that holds a mounted entity, and the removal of a
 // mounted entity, are refused to everyone: the mounter holds that entity.
 //
+// Rules (entityCheckIs) keep an entity type's values within what its
+// readers can use, whoever writes: every path operation and document
+// judges the entity as it would leave it (a whole entity, or the one that
+// holds the attribute or member written) before changing anything, and a
+// refusal names the attribute and the problem.
+//
 // A whole entity is created at a directory path only when its type is
 // known: from "@type" in the JSON, from a declaration (pathTypeIs), or from
 // the directory's entry type. Missing directories on the way are created for
@@ -70,6 +76,9 @@ class EntityManager : public Kiln::PtrInterface {
   // be made by name.
   void pathTypeIs(std::string_view path, const Kiln::TypeInfo& type);
 
+  // Adds a rule for `type` and the types derived from it; see Store.h.
+  void entityCheckIs(const Kiln::TypeInfo& type, EntityCheck check);
+
   // Loads a configuration document: an object from directory path to
   // entity JSON. All or nothing: every entry is checked and read into a
   // scratch entity first; an entry at an absent, undeclared path needs
@@ -87,6 +96,10 @@ class EntityManager : public Kiln::PtrInterface {
 
  private:
   Location locate(const Path& path, std::string_view where) const;
+  // Runs `change` on a copy of the owner of `loc` and checks the copy, when
+  // the owner's type has rules.
+  template <class Change>
+  void checkChange(const Location& loc, const Path& path, std::string_view where, Change change) const;
   Kiln::Ptr<Store> store_;
 };
 

@@ -203,6 +203,25 @@ Kiln::Ptr<Kiln::Entity> Store::applyEntity(const EntityPlan& plan) {
   return live;
 }
 
+void Store::entityCheckIs(const Kiln::TypeInfo& type, EntityCheck check) {
+  checks_.emplace_back(&type, std::move(check));
+}
+
+bool Store::hasChecks(const Kiln::TypeInfo& type) const {
+  return std::any_of(checks_.begin(), checks_.end(), [&](const auto& c) { return type.isA(*c.first); });
+}
+
+void Store::check(const Kiln::Entity& candidate, std::string_view where) const {
+  for (const auto& [type, rule] : checks_) {
+    if (!candidate.typeInfo().isA(*type)) continue;
+    try {
+      rule(candidate);
+    } catch (const Kiln::JsonError& e) {
+      throw e.within(where);
+    }
+  }
+}
+
 void Store::declaredTypeIs(const Path& path, std::string_view where, const Kiln::TypeInfo& type) {
   if (!type.create) fail(where, std::string("entities of type ") + type.name + " cannot be made by name");
   auto [node, depth] = walkDirs(path);

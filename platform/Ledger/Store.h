@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -25,6 +26,11 @@
 #include "Ledger/Path.h"
 
 namespace Ledger {
+
+// A rule of an entity type: judges an entity as a write would leave it and
+// throws Kiln::JsonError, its where() relative to the entity (an attribute,
+// "attribute/key"), when the write must be refused.
+using EntityCheck = std::function<void(const Kiln::Entity&)>;
 
 // Who writes through a path operation: the agent itself, or anybody else
 // (an operator, a configuration file). See the mount flags in Mount.h.
@@ -84,6 +90,12 @@ class Store : public Kiln::PtrInterface {
   // through its setters.
   Kiln::Ptr<Kiln::Entity> applyEntity(const EntityPlan& plan);
 
+  // Rules (EntityManager::entityCheckIs). check() runs every rule of the
+  // candidate's type and its bases, placing a refusal below `where`.
+  void entityCheckIs(const Kiln::TypeInfo& type, EntityCheck check);
+  bool hasChecks(const Kiln::TypeInfo& type) const;
+  void check(const Kiln::Entity& candidate, std::string_view where) const;
+
   // Declarations (EntityManager::pathTypeIs).
   void declaredTypeIs(const Path& path, std::string_view where, const Kiln::TypeInfo& type);
   const Kiln::TypeInfo* declaredType(const Path& path) const;
@@ -129,6 +141,7 @@ class Store : public Kiln::PtrInterface {
 
   Kiln::Ptr<Kiln::Dir> root_;
   std::map<std::string, const Kiln::TypeInfo*, std::less<>> declared_;
+  std::vector<std::pair<const Kiln::TypeInfo*, EntityCheck>> checks_;
   MountMap mounts_;
 };
 

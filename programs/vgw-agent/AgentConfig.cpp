@@ -55,12 +55,11 @@ void checkPath(const std::string& file, const std::string& where) {
   if (!known) refuse(file, where, "unknown path; the agent reads no entity there");
 }
 
+// The values themselves are judged by the configuration's rules as the
+// document goes in; what is left is what must be there at all.
 void checkLoaded(const Ledger::EntityManager& manager, const std::string& file) {
-  const auto config = manager.getEntity<Vgw::Config>("vgw/config");
-  if (!config || config->ovsdbSocketPath().empty())
+  if (!manager.getEntity<Vgw::Config>("vgw/config"))
     refuse(file, "vgw/config", "ovsdbSocketPath is required: the socket of the hardware_vtep database server");
-  if (const auto cliConfig = manager.getEntity<Vgw::CliConfig>("vgw/cliconfig"); cliConfig && cliConfig->maxOps() == 0)
-    refuse(file, "vgw/cliconfig/maxOps", "must be at least 1");
   const auto clusters = manager.getEntity<FleetCluster::ClusterStatusDir>("fleet/cluster/statusDir");
   if (!clusters || !clusters->status("default"))
     refuse(file, "fleet/cluster/statusDir", "needs the cluster status named \"default\" under \"status\"");
@@ -79,6 +78,7 @@ void loadAgentConfig(Ledger::EntityManager& manager, const std::string& file) {
       manager.pathTypeIs(mount.path.stringValue(), *type);
     }
   }
+  Vgw::declareConfigRules(manager);
   for (const auto& [where, entity] : document.items()) checkPath(file, where);
   try {
     manager.loadDocument(document);

@@ -17,7 +17,18 @@
 // converged: the root state machine builds it and drops it on a disconnect.
 // destroy() removes nothing from the database. A Global row missing from the
 // mirror when a manager is added, or a missing mirror, asserts.
+//
+// The rules of the operator's configuration live here too, and hold on every
+// road a value takes into the agent (the configuration file, vgwctl set and
+// vgwctl load all write through the state store, which applies them before it
+// changes anything; see declareConfigRules in VgwAgent.h): a database socket
+// and a non-zero maxOps, and controller targets in the forms of an OVSDB
+// connection method, so that nothing the database server cannot use is
+// written into its Manager table.
 #pragma once
+
+#include <string>
+#include <string_view>
 
 #include "Kiln/Ptr.h"
 #include "Vgw/LocalTypes.h"
@@ -27,6 +38,18 @@
 #include "model/Status.h"
 
 namespace Vgw {
+
+// Empty when `target` is one of ssl:HOST[:PORT], tcp:HOST[:PORT], unix:FILE,
+// pssl:[PORT][:IP], ptcp:[PORT][:IP] or punix:FILE, at most 1024 bytes,
+// without spaces or control characters: HOST an IPv4 address, an IPv6
+// address in brackets or a host name, IP an address only. Otherwise the
+// problem, in words that do not repeat a long target.
+std::string managerTargetProblem(std::string_view target);
+
+// The rules of vgw/config and vgw/cliconfig. Each throws Kiln::JsonError
+// naming the attribute (below the entity) and the problem.
+void checkConfig(const Config& config);
+void checkCliConfig(const CliConfig& cliConfig);
 
 class CliConfigSm : public Kiln::PtrInterface {
  public:

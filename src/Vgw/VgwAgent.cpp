@@ -66,6 +66,12 @@ const std::vector<Ledger::Mount>& localMounts() {
   return mounts;
 }
 
+void declareConfigRules(Ledger::EntityManager& manager) {
+  manager.entityCheckIs(Config::typeInfo_, [](const Kiln::Entity& e) { checkConfig(static_cast<const Config&>(e)); });
+  manager.entityCheckIs(CliConfig::typeInfo_,
+                        [](const Kiln::Entity& e) { checkCliConfig(static_cast<const CliConfig&>(e)); });
+}
+
 const std::vector<Ledger::Mount>& serviceMounts() {
   static const std::vector<Ledger::Mount> mounts = {
       Ledger::Mount("overlaysvc/version2/vgw/vniStatusDir", "OverlaySvc::VniStatusDirV2", "r"),

@@ -45,6 +45,7 @@
 #include "Hearth/ServiceAgent.h"
 #include "Kiln/Dir.h"
 #include "Kiln/EventLoop.h"
+#include "Ledger/EntityManager.h"
 #include "Ledger/Mount.h"
 #include "Vgw/HwVtepRequestHandlerSm.h"
 #include "Vgw/LocalTypes.h"
@@ -67,6 +68,10 @@ class RemoteHostSm;
 // these paths with their types before it loads a configuration document.
 const std::vector<Ledger::Mount>& localMounts();
 const std::vector<Ledger::Mount>& serviceMounts();
+// Gives the store the rules of the agent's configuration entities, so that
+// every road into it refuses the same values (see CliConfigSm.h). A program
+// declares them with the paths, before it loads a configuration document.
+void declareConfigRules(Ledger::EntityManager& manager);
 
 class RootSm : public Kiln::PtrInterface, public RootSmInterface {
  public:

@@ -293,6 +293,40 @@ TEST_F(PathOpsTest, aDeclarationMustAgreeWithTheDocumentAndTheStore) {
             "vgw/peer: entities of type LedgerTest::Peer cannot be made by name");
 }
 
+// A type's rules judge the entity as a write would leave it, on every road:
+// a whole entity, an attribute, a member, a removal and a document. The
+// rules of a base type hold for derived ones.
+TEST_F(PathOpsTest, aTypesRulesRefuseWhatWouldBreakThemOnEveryRoad) {
+  int checks = 0;
+  manager->entityCheckIs(LedgerTest::Config::typeInfo_, [&](const Kiln::Entity& entity) {
+    ++checks;
+    const auto& c = dynamic_cast<const LedgerTest::Config&>(entity);
+    if (c.name().empty()) throw Kiln::JsonError("name", "must not be empty");
+    for (const auto& [key, limit] : c.limits()) {
+      if (limit == 0) throw Kiln::JsonError("limits/" + key.stringValue(), "must be at least 1");
+    }
+    if (c.limits().empty()) throw Kiln::JsonError("limits", "needs at least one limit");
+  });
+  manager->pathTypeIs("vgw/site", LedgerTest::SiteConfig::typeInfo_);
+  expectRefused({
+      {"write", "vgw/config", R"({"limits": {"macs": 5}})", "vgw/config/name: must not be empty"},
+      {"write", "vgw/config/name", R"("")", "vgw/config/name: must not be empty"},
+      {"write", "vgw/config/limits/macs", "0", "vgw/config/limits/macs: must be at least 1"},
+      {"write", "vgw/config/limits", R"({"x": 0})", "vgw/config/limits/x: must be at least 1"},
+      {"remove", "vgw/config/limits/macs", nullptr, "vgw/config/limits: needs at least one limit"},
+      {"load", "", R"({"vgw/config": {"name": "c", "limits": {"macs": 0}}})", "vgw/config/limits/macs: must be at least 1"},
+      {"load", "", R"({"vgw/site": {"site": "s", "limits": {"a": 1}}})", "vgw/site/name: must not be empty"},
+  });
+  EXPECT_EQ(checks, 7);
+  // What keeps the rules goes through, and the rules see only their type.
+  manager->write("vgw/config/limits/macs", 6, Writer::external);
+  manager->write("vgw/config/name", "d", Writer::external);
+  manager->write("vgw/status/running", true, Writer::external);
+  EXPECT_EQ(manager->read("vgw/config/limits/macs"), 6);
+  EXPECT_EQ(manager->read("vgw/config/name"), "d");
+  EXPECT_EQ(checks, 9);
+}
+
 TEST_F(PathOpsTest, theMountsDecideWhoMayWrite) {
   RecordingMounter agent;
   auto group = manager->getMountGroup(&agent);

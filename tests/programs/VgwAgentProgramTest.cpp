@@ -21,6 +21,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "OvsdbServer.h"
@@ -176,6 +177,28 @@ TEST_F(VgwAgentProgram, ExampleConfigurationServesTheDatabaseRefusesBadRequestsA
   EXPECT_EQ(Json::parse(std::string(reply).substr(0, std::string(reply).find('\n')))["ok"], false) << reply;
   EXPECT_TRUE(sessionIs("stateConnected"));
 
+  // One validation on every road: what the configuration file refuses (see
+  // below), vgwctl set and vgwctl load refuse with the same words.
+  const auto cliConfig = [&] { return vgwctl({"get", "--compact", "vgw/cliconfig"}).second; };
+  const std::string cliBefore = cliConfig();
+  for (const auto& [path, value, error] : std::vector<std::tuple<std::string, Json, std::string>>{
+           {"vgw/cliconfig/maxOps", 0, "vgw/cliconfig/maxOps: must be at least 1"},
+           {"vgw/config/ovsdbSocketPath", "", "vgw/config/ovsdbSocketPath: is required"},
+           {"vgw/cliconfig/managerAddress/not-a-target", true,
+            "vgw/cliconfig/managerAddress/not-a-target: not an OVSDB connection method"}}) {
+    const auto [setStatus, setText] = vgwctl({"set", path, value.dump()});
+    EXPECT_EQ(setStatus, 1) << path;
+    EXPECT_NE(setText.find(error), std::string::npos) << setText;
+    const std::size_t slash = path.find('/', path.find('/') + 1);
+    Json document = {{path.substr(0, slash), config[path.substr(0, slash)]}};
+    document[path.substr(0, slash)][Json::json_pointer(path.substr(slash))] = value;
+    const auto [loadStatus, loadText] = vgwctl({"load", writeConfig(document.dump())});
+    EXPECT_EQ(loadStatus, 1) << path;
+    EXPECT_NE(loadText.find(error), std::string::npos) << loadText;
+  }
+  EXPECT_EQ(cliConfig(), cliBefore);
+  EXPECT_EQ(managerRows(), rows);
+
   // A manager added and removed again.
   ASSERT_EQ(vgwctl({"set", "vgw/cliconfig/managerAddress/ptcp:6641", "true"}).first, 0);
   EXPECT_TRUE(waitFor([&] { return managerRows().size() == 2; }));
@@ -218,6 +241,8 @@ TEST_F(VgwAgentProgram, BadConfigurationsAndArgumentsAreRefusedByNameAndADisable
   noSocket.erase("vgw/config");
   Json noOps = config;
   noOps["vgw/cliconfig"]["maxOps"] = 0;
+  Json badTarget = config;
+  badTarget["vgw/cliconfig"]["managerAddress"]["not-a-target"] = true;
   const std::string missing = (dir / "missing.json").string();
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"--config", missing}, "cannot read " + missing},
@@ -230,6 +255,8 @@ TEST_F(VgwAgentProgram, BadConfigurationsAndArgumentsAreRefusedByNameAndADisable
       {{"--config", writeConfig(R"({"vgw/status": {"running": true}})")}, "vgw/status: is written by the agent"},
       {{"--config", writeConfig(noSocket.dump())}, "vgw/config: ovsdbSocketPath is required"},
       {{"--config", writeConfig(noOps.dump())}, "vgw/cliconfig/maxOps: must be at least 1"},
+      {{"--config", writeConfig(badTarget.dump())},
+       "vgw/cliconfig/managerAddress/not-a-target: not an OVSDB connection method"},
       {{}, "--config FILE is required"},
       {{"--config"}, "--config needs a value"},
       {{"--config", missing, "--verbose"}, "unexpected argument --verbose"},

@@ -194,6 +194,12 @@ class ControlServer::Connection final : public Kiln::PtrInterface {
 
   std::uint64_t id() const { return id_; }
   std::size_t watches() const { return watches_.size(); }
+  std::size_t pending() const { return output_.size() - sent_; }
+  void drop(const std::string& reason) {
+    Kiln::Ptr<Connection> self(this);
+    Kiln::log(clientDropped, server_->path_, peer_, reason);
+    closeNow();
+  }
   // The server goes first: the connection closes without reporting back.
   void serverGone() {
     server_ = nullptr;
@@ -223,8 +229,6 @@ class ControlServer::Connection final : public Kiln::PtrInterface {
    private:
     Connection& owner_;
   };
-
-  std::size_t pending() const { return output_.size() - sent_; }
 
   void onReadable() {
     Kiln::Ptr<Connection> self(this);
@@ -322,13 +326,12 @@ class ControlServer::Connection final : public Kiln::PtrInterface {
     if (dead_ || closing_) return;
     std::string text = line({{"id", requestId}, {"event", "change"}, {"path", path}, {"value", value}});
     if (pending() + text.size() > server_->limits_.maxPendingOutputBytes) {
-      Kiln::Ptr<Connection> self(this);
-      Kiln::log(clientDropped, server_->path_, peer_,
-                "more than " + std::to_string(server_->limits_.maxPendingOutputBytes) +
-                    " bytes of watched changes unread");
-      closeNow();
+      drop("more than " + std::to_string(server_->limits_.maxPendingOutputBytes) + " bytes of watched changes unread");
       return;
     }
+    Kiln::Ptr<Connection> self(this);
+    server_->makeRoom(text.size());
+    if (dead_) return;
     queue(std::move(text));
   }
 
@@ -511,6 +514,21 @@ void ControlServer::accept() {
 }
 
 void ControlServer::dropped(Connection& connection) { connections_.erase(connection.id()); }
+
+void ControlServer::makeRoom(std::size_t bytes) {
+  while (true) {
+    std::size_t total = bytes;
+    Connection* slowest = nullptr;
+    for (const auto& [id, connection] : connections_) {
+      total += connection->pending();
+      if (connection->watches() > 0 && (!slowest || connection->pending() > slowest->pending()))
+        slowest = connection.get();
+    }
+    if (total <= limits_.maxTotalPendingOutputBytes || !slowest || slowest->pending() == 0) return;
+    slowest->drop("the slowest watcher, while the unread output of all clients passed " +
+                  std::to_string(limits_.maxTotalPendingOutputBytes) + " bytes");
+  }
+}
 
 Kiln::Json ControlServer::perform(Connection& connection, const Kiln::Json& request) {
   const std::string& op = stringMember(request, "op");

@@ -36,7 +36,11 @@
 //     because of watch events (a watcher that does not read) is closed with
 //     a log line. Replies to requests never do that: the server stops
 //     reading a client's requests while readPauseBytes of its output are
-//     unsent, so a client that pipelines requests slows down instead.
+//     unsent, so a client that pipelines requests slows down instead;
+//   - when a watch event would bring the unsent output of all connections
+//     together past maxTotalPendingOutputBytes, the watcher with the most
+//     unsent output (the slowest) is closed with a log line first, so that
+//     many slow watchers cannot add up to what one may not hold.
 //
 // The socket file: listen() creates missing parent directories with mode
 // 0700 and the socket with mode 0600. A socket file at the path on which no
@@ -76,6 +80,7 @@ struct ControlServerLimits {
   std::size_t maxRequestBytes = std::size_t{16} << 20;
   std::size_t maxPendingOutputBytes = std::size_t{64} << 20;
   std::size_t readPauseBytes = std::size_t{1} << 20;
+  std::size_t maxTotalPendingOutputBytes = std::size_t{256} << 20;
 };
 
 class ControlServer {
@@ -110,6 +115,9 @@ class ControlServer {
 
   void accept();
   void dropped(Connection& connection);
+  // Makes room for `bytes` more of watched changes within the total bound,
+  // closing the slowest watchers.
+  void makeRoom(std::size_t bytes);
   Kiln::Json perform(Connection& connection, const Kiln::Json& request);
 
   Kiln::Ptr<EntityManager> manager_;

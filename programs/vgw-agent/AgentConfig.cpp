@@ -1,9 +1,9 @@
 #include "AgentConfig.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 
 #include "Ledger/Path.h"
 #include "Vgw/VgwAgent.h"
@@ -16,10 +16,22 @@ namespace {
   throw ConfigError(file + ": " + (where.empty() ? std::string() : std::string(where) + ": ") + problem);
 }
 
+// Far above any real configuration; a device or a wrong file of unbounded
+// size is refused before it takes the memory.
+constexpr std::size_t maxConfigBytes = std::size_t{16} << 20;
+
 Kiln::Json readDocument(const std::string& file) {
   std::ifstream in(file, std::ios::binary);
   if (!in) throw ConfigError("cannot read " + file + ": " + std::strerror(errno));
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string text;
+  std::array<char, 64 * 1024> chunk;
+  while (in.read(chunk.data(), chunk.size()) || in.gcount() > 0) {
+    text.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
+    if (text.size() > maxConfigBytes) {
+      throw ConfigError(file + ": larger than " + std::to_string(maxConfigBytes) +
+                        " bytes; a configuration file is smaller");
+    }
+  }
   if (in.bad()) throw ConfigError("cannot read " + file + ": " + std::strerror(errno));
   try {
     return Kiln::Json::parse(text);

@@ -288,6 +288,48 @@ TEST_F(ControlServerTest, theBoundsOnRequestLinesAndUnreadOutputHold) {
   EXPECT_TRUE(serves());
 }
 
+// Watchers that each stay within their own bound still share one: the
+// slowest goes first, and a watcher that reads hears every change.
+TEST_F(ControlServerTest, slowWatchersTogetherStayWithinOneBoundSlowestFirst) {
+  restart({.maxPendingOutputBytes = 1 << 20, .maxTotalPendingOutputBytes = 96 * 1024});
+  const auto change = [&](int i) { errors->genericErrorIs("e1", std::to_string(i) + std::string(1000, 'x')); };
+  TestClient reader(socketPath);
+  ASSERT_EQ(reader.call({{"op", "watch"}, {"path", "overlaysvc"}, {"id", "r"}})["ok"], true);
+  std::vector<std::unique_ptr<TestClient>> sleepers;
+  int changes = 0;
+  int heard = 0;
+  const auto hear = [&] {
+    for (Kiln::EventLoop::current().runOnce(0); true;) {
+      const Json event = reader.message();
+      if (!event.contains("event")) break;
+      if (++heard == changes) break;
+    }
+  };
+  for (int s = 0; s < 3; ++s) {
+    sleepers.push_back(std::make_unique<TestClient>(socketPath));
+    ASSERT_EQ(sleepers.back()->call({{"op", "watch"}, {"path", "overlaysvc"}})["ok"], true);
+    // The first sleeper falls furthest behind.
+    for (int i = 0; i < 20; ++i, hear()) change(++changes);
+  }
+  const auto changeUntil = [&](std::size_t connections) {
+    while (server->connections() > connections && changes < 20000) {
+      change(++changes);
+      hear();
+    }
+  };
+  changeUntil(3);
+  EXPECT_TRUE(sleepers[0]->closedByServer());
+  changeUntil(1);
+  EXPECT_EQ(server->connections(), 1u) << "only the reader stays";
+  EXPECT_EQ(heard, changes);
+  const std::string log = logged.str();
+  EXPECT_NE(log.find("the slowest watcher, while the unread output of all clients passed 98304 bytes"),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(log.find("bytes of watched changes unread"), std::string::npos) << "no one passed its own bound";
+  EXPECT_TRUE(serves());
+}
+
 TEST_F(ControlServerTest, watchesStreamChangesFromEveryWriterUntilUnwatched) {
   TestClient watcher(socketPath);
   TestClient writer(socketPath);

@@ -244,10 +244,14 @@ TEST_F(VgwAgentProgram, BadConfigurationsAndArgumentsAreRefusedByNameAndADisable
   Json badTarget = config;
   badTarget["vgw/cliconfig"]["managerAddress"]["not-a-target"] = true;
   const std::string missing = (dir / "missing.json").string();
+  const std::string huge = writeConfig("{}");
+  fs::resize_file(huge, std::uintmax_t{1} << 30);
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"--config", missing}, "cannot read " + missing},
       {{"--config", writeConfig("{\"vgw/config\": ")}, "is not JSON"},
       {{"--config", writeConfig("[]")}, "expected an object"},
+      {{"--config", "/dev/zero"}, "/dev/zero: larger than 16777216 bytes; a configuration file is smaller"},
+      {{"--config", huge}, huge + ": larger than 16777216 bytes"},
       {{"--config", writeConfig(R"({"vgw/nothing": {}})")}, "vgw/nothing: unknown path"},
       {{"--config", writeConfig(R"({"vgw/cliconfig": {"enable": true}})")}, "vgw/cliconfig/enable: no such attribute"},
       {{"--config", writeConfig(R"({"vgw/cliconfig": {"enableAgent": "yes"}})")},

@@ -23,6 +23,7 @@
 #include "ovsdb/table.h"
 #include "stream-provider.h"
 #include "stream.h"
+#include "openvswitch/vlog.h"
 #include "util.h"
 #include "uuid.h"
 
@@ -140,6 +141,12 @@ ovsc_jsonrpc_transact_block(struct jsonrpc *rpc, struct jsonrpc_msg *request,
                             struct jsonrpc_msg **replyp)
 {
     return jsonrpc_transact_block(rpc, request, replyp);
+}
+
+const char *
+ovsc_jsonrpc_get_name(const struct jsonrpc *rpc)
+{
+    return jsonrpc_get_name(rpc);
 }
 
 /* jsonrpc_open() names the connection after its stream, so a stream pointer
@@ -509,4 +516,10 @@ ovsc_fatal_signal_disable(void)
     for (size_t i = 0; i < ARRAY_SIZE(signals); i++) {
         sigaction(signals[i], &before[i], NULL);
     }
+}
+
+void
+ovsc_vlog_off(void)
+{
+    vlog_set_levels(NULL, VLF_ANY_DESTINATION, VLL_OFF);
 }

@@ -155,6 +155,10 @@ void ovsc_jsonrpc_run(struct jsonrpc *);
 int ovsc_jsonrpc_transact_block(struct jsonrpc *, struct jsonrpc_msg *request,
                                 struct jsonrpc_msg **replyp);
 
+/* jsonrpc_get_name(): the connection's name, its target ("unix:/path"),
+ * borrowed from the connection. */
+const char *ovsc_jsonrpc_get_name(const struct jsonrpc *);
+
 /* The stream under a connection, borrowed from it; NULL when it cannot be
  * read (see NOTES). */
 struct stream *ovsc_jsonrpc_get_stream(const struct jsonrpc *);
@@ -291,6 +295,13 @@ void ovsc_uuid_generate(struct uuid *);
 /* See NOTES.  Call once at start-up, before any stream is opened, or later:
  * handlers OVS has already installed are reset to SIG_DFL. */
 void ovsc_fatal_signal_disable(void);
+
+/* vlog_set_levels(NULL, VLF_ANY_DESTINATION, VLL_OFF): silences the
+ * libraries' own log, every module on every destination.  Their blocking
+ * calls otherwise warn of an "unreasonably long poll interval" with a
+ * coverage dump each time the caller's own loop has run in between, and
+ * report connection trouble the caller reports in its own words. */
+void ovsc_vlog_off(void);
 
 #ifdef __cplusplus
 }

@@ -26,6 +26,7 @@
 #include <string_view>
 
 #include "Kiln/Assert.h"
+#include "Kiln/Log.h"
 #include "RingTape/RingTape.h"
 #include "Vgw/OvsdbSessionRecord.h"
 #include "Vgw/RemoteHostSm.h"
@@ -87,9 +88,20 @@ bool checkTxn(int error, const jsonrpc_msg* reply) {
   return false;
 }
 
-void checkOvsdbError(const char* error) {
+Kiln::LogHandle KXT_VGW_OVSDB_NO_DATABASE(
+    "KXT_VGW_OVSDB_NO_DATABASE", Kiln::LogSeverity::error, "The database server at %s serves no %s database: %s",
+    "The socket in vgw/config ovsdbSocketPath answers, but without the hardware_vtep database the agent serves. "
+    "The agent stops, and its supervisor starts it again.",
+    "Point ovsdbSocketPath at the socket of the ovsdb-server that holds the hardware_vtep database, or create that "
+    "database there.",
+    0.0, 1.0, 0);
+
+// A server without the database: said once on the log, then the agent
+// stops, as it cannot serve the controller at all.
+void checkOvsdbError(const char* error, jsonrpc* rpc, const Kiln::String& dbName) {
   if (!error) return;
   VGW_TRACE(0, error);
+  Kiln::log(KXT_VGW_OVSDB_NO_DATABASE, ovsc_jsonrpc_get_name(rpc), dbName, error);
   KILN_ASSERT(false, "ovsdb error");
 }
 
@@ -203,11 +215,11 @@ Ovs::SchemaPtr fetchSchema(jsonrpc* rpc, const Kiln::String& dbName) {
   const json* result = ovsc_jsonrpc_msg_result(reply.get());
   if (!result) {
     const std::string text = "get_schema refused: " + render(ovsc_jsonrpc_msg_error(reply.get()));
-    checkOvsdbError(text.c_str());
+    checkOvsdbError(text.c_str(), rpc, dbName);
   }
   ovsdb_schema* schema = nullptr;
   const Ovs::CString problem(ovsc_ovsdb_schema_from_json(result, &schema));
-  checkOvsdbError(problem.get());
+  checkOvsdbError(problem.get(), rpc, dbName);
   return Ovs::SchemaPtr(schema);
 }
 

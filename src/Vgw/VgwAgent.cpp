@@ -601,6 +601,10 @@ void Agent::doControllerMountsComplete(Ledger::MountStatus mountStatus,
   KILN_ASSERT(mountStatus == Ledger::mountSuccess_, mountFailed);
   ovsc_uuid_init();
   ovsc_fatal_signal_disable();
+  // Standard error carries the agent's own messages only; the library's
+  // warnings (a poll interval that the agent's loop made long, connection
+  // trouble the session reports itself) would only mislead.
+  ovsc_vlog_off();
   const Ledger::EntityManager& manager = *entityManager;
   auto vniStatusDirOut = mounted<OverlaySvc::VniStatusDirV2>(manager, "vgw/version2/vniStatusDir",
                                                              "VniStatusDir (Monitor) not found");

@@ -94,7 +94,7 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
 
 }  // namespace
 
-OvsdbServer::OvsdbServer() {
+OvsdbServer::OvsdbServer(std::string schema) {
   const char* tmp = std::getenv("TMPDIR");
   std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/vgw-ovsdb.XXXXXX";
   if (!::mkdtemp(pattern.data())) throw std::runtime_error(errnoText("OvsdbServer: cannot create " + pattern));
@@ -113,10 +113,12 @@ OvsdbServer::OvsdbServer() {
   for (const std::string& name : ours) environment_.push_back(name + directory_.string());
 
   try {
-    run("ovsdb-tool", {"create", (directory_ / "vtep.db").string(), "/usr/share/openvswitch/vtep.ovsschema"});
+    run("ovsdb-tool", {"create", (directory_ / "vtep.db").string(), schema});
     start();
-    std::string reply = transact(R"(["hardware_vtep",{"op":"insert","table":"Global","row":{}}])");
-    if (reply.find("\"error\"") != std::string::npos) fail("inserting the Global row failed: " + reply);
+    if (schema == vtepSchema) {
+      std::string reply = transact(R"(["hardware_vtep",{"op":"insert","table":"Global","row":{}}])");
+      if (reply.find("\"error\"") != std::string::npos) fail("inserting the Global row failed: " + reply);
+    }
   } catch (...) {
     discard();
     throw;
@@ -177,6 +179,8 @@ void OvsdbServer::stop() {
   const pid_t pid = pid_;
   pid_ = -1;
   ::kill(pid, SIGTERM);
+  // A paused server takes the signal once it runs again.
+  ::kill(pid, SIGCONT);
   const auto deadline = std::chrono::steady_clock::now() + kProcessDeadline;
   int status = 0;
   while (::waitpid(pid, &status, WNOHANG) == 0) {
@@ -187,6 +191,24 @@ void OvsdbServer::stop() {
     }
     std::this_thread::sleep_for(kPollInterval);
   }
+}
+
+void OvsdbServer::kill() {
+  if (!running()) return;
+  const pid_t pid = pid_;
+  pid_ = -1;
+  ::kill(pid, SIGKILL);
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+}
+
+void OvsdbServer::pause() {
+  if (running()) ::kill(pid_, SIGSTOP);
+}
+
+void OvsdbServer::resume() {
+  if (running()) ::kill(pid_, SIGCONT);
 }
 
 std::string OvsdbServer::transact(std::string_view transaction) {

@@ -11,7 +11,13 @@
 //
 // stop() and start() take the server down and bring it back on the same
 // database file, which is how tests play a server restart under a running
-// client. The destructor stops the server and removes the directory.
+// client; kill() ends it without warning, and pause() and resume() stop and
+// continue it (SIGSTOP, SIGCONT) as a server that hangs. The destructor stops
+// the server and removes the directory.
+//
+// A server of another schema (OvsdbServer(otherSchemaPath)) holds that
+// database instead, without rows, for tests of a socket that serves no
+// hardware_vtep database.
 //
 // Every failure throws std::runtime_error with a message naming what failed
 // and the tail of the server's log.
@@ -27,7 +33,8 @@ namespace Vgw::Test {
 
 class OvsdbServer {
  public:
-  OvsdbServer();
+  static constexpr const char* vtepSchema = "/usr/share/openvswitch/vtep.ovsschema";
+  explicit OvsdbServer(std::string schema = vtepSchema);
   ~OvsdbServer();
   OvsdbServer(const OvsdbServer&) = delete;
   OvsdbServer& operator=(const OvsdbServer&) = delete;
@@ -45,6 +52,11 @@ class OvsdbServer {
   // SIGTERM, then waits for the process to end. Nothing happens when it is
   // not running.
   void stop();
+  // SIGKILL, then waits for the process to end.
+  void kill();
+  // SIGSTOP and SIGCONT.
+  void pause();
+  void resume();
 
   // Runs one transaction, given as the full "transact" params array
   // (["hardware_vtep", op, ...]), through ovsdb-client as the controller

@@ -7,14 +7,17 @@
 #include <openvswitch/json.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "HandPeer.h"
 #include "OvsdbServer.h"
 #include "OvscSupport.h"
 
@@ -83,6 +86,28 @@ TEST(OvsJsonRpc, FetchesTheSchemaAndRunsTransactions) {
   ASSERT_EQ(selected[0]["rows"].size(), 1u) << selected;
   EXPECT_EQ(selected[0]["rows"][0]["_uuid"][1], uuid);
   EXPECT_EQ(selected[0]["rows"][0]["tunnel_ips"], Json::parse(R"(["set", ["10.0.0.1", "10.0.0.2"]])"));
+}
+
+// A peer sends what is not JSON, which the library warns about on its own
+// log. Exits 0 when standard error stayed empty, 1 when it did not.
+[[noreturn]] void garbageFromAPeer(bool silenced) {
+  FILE* captured = std::tmpfile();
+  ::dup2(::fileno(captured), 2);
+  if (silenced) ovsc_vlog_off();
+  HandPeer peer;
+  RpcPtr rpc = connect(peer.target());
+  const std::string garbage = "}{ no JSON\n";
+  if (::write(peer.accept(), garbage.data(), garbage.size()) != static_cast<ssize_t>(garbage.size())) std::_Exit(3);
+  jsonrpc_msg* message = nullptr;
+  for (int i = 0; i < 1000 && ovsc_jsonrpc_recv(rpc.get(), &message) == EAGAIN; ++i) ovsc_jsonrpc_run(rpc.get());
+  std::fflush(stderr);
+  std::_Exit(std::ftell(captured) == 0 ? 0 : 1);
+}
+
+TEST(OvsLog, TheLibrarysOwnLogIsSilencedSoStandardErrorCarriesOnlyTheAgents) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(garbageFromAPeer(false), ::testing::ExitedWithCode(1), "");
+  EXPECT_EXIT(garbageFromAPeer(true), ::testing::ExitedWithCode(0), "");
 }
 
 // The handlers of the signals the library takes over.

@@ -5,12 +5,16 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 
+#include "HandPeer.h"
 #include "Hearth/AgentRunner.h"
 #include "LoopRunner.h"
 #include "SessionSupport.h"
+#include "Ovs/ovsc.h"
 #include "Vgw/VgwAgent.h"
 
 namespace Vgw::Test {
@@ -58,6 +62,47 @@ TEST(AgentTest, StartsThroughItsMountsAndPublishesPerSwitchConfiguration) {
     EXPECT_FALSE(agent->exiting());
   }
   RingTape::close();
+  fs::remove_all(dir);
+}
+
+// Runs the agent to its root state machine with standard error in a file,
+// then has a peer send the library what is not JSON, which it would warn
+// about on its own log. Exits 0 when standard error carries nothing of the
+// library's, 1 when it does.
+[[noreturn]] void libraryLogUnderTheAgent(const fs::path& dir) {
+  FILE* captured = std::tmpfile();
+  ::dup2(::fileno(captured), 2);
+  setenv("RINGTAPE_DISABLE", "1", 1);
+  setenv("VGW_TAPELOCK_FILEPATH", (dir / "lock").c_str(), 1);
+  LoopRunner loop;
+  Hearth::AgentRunner runner("VgwAgentTest");
+  typeAgentPaths(*runner.localEntityManager());
+  runner.localEntityManager()->loadDocument({{"vgw/config", {{"ovsdbSocketPath", (dir / "none.sock").string()}}},
+                                             {"vgw/cliconfig", {{"enableAgent", true}}},
+                                             {"fleet/cluster/statusDir", {{"status", {{"default", Kiln::Json::object()}}}}}});
+  const auto agent = Kiln::staticPtrCast<Agent>(runner.agentIs(agentFactory));
+  if (!loop.runUntil([&] { return agent->rootSm() != nullptr; })) std::_Exit(3);
+  HandPeer peer;
+  stream* connected = nullptr;
+  if (ovsc_jsonrpc_stream_open_block(peer.target().c_str(), 0, -1, &connected) != 0) std::_Exit(3);
+  jsonrpc* rpc = ovsc_jsonrpc_open(connected);
+  const std::string garbage = "}{ no JSON\n";
+  if (::write(peer.accept(), garbage.data(), garbage.size()) != static_cast<ssize_t>(garbage.size())) std::_Exit(3);
+  jsonrpc_msg* message = nullptr;
+  for (int i = 0; i < 1000 && ovsc_jsonrpc_recv(rpc, &message) == EAGAIN; ++i) ovsc_jsonrpc_run(rpc);
+  ovsc_jsonrpc_close(rpc);
+  std::fflush(stderr);
+  std::string text(static_cast<std::size_t>(std::ftell(captured)), '\0');
+  std::rewind(captured);
+  text.resize(std::fread(text.data(), 1, text.size(), captured));
+  std::_Exit(text.find("|jsonrpc|") == std::string::npos ? 0 : 1);
+}
+
+TEST(AgentTest, StandardErrorCarriesNothingOfTheLibrarysOwnLog) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const fs::path dir = fs::temp_directory_path() / ("vgw-agent-log-" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  EXPECT_EXIT(libraryLogUnderTheAgent(dir), ::testing::ExitedWithCode(0), "");
   fs::remove_all(dir);
 }
 

@@ -24,6 +24,8 @@
 #include "stream-provider.h"
 #include "stream.h"
 #include "openvswitch/vlog.h"
+#include "openvswitch/poll-loop.h"
+#include "timeval.h"
 #include "util.h"
 #include "uuid.h"
 
@@ -147,6 +149,118 @@ const char *
 ovsc_jsonrpc_get_name(const struct jsonrpc *rpc)
 {
     return jsonrpc_get_name(rpc);
+}
+
+/* The absolute time, in time_msec(), at which a timeout runs out; -1 for
+ * none. */
+static long long int
+deadline_after(long long int timeout_ms)
+{
+    return timeout_ms < 0 ? -1 : time_msec() + timeout_ms;
+}
+
+static bool
+deadline_passed(long long int deadline)
+{
+    return deadline >= 0 && time_msec() >= deadline;
+}
+
+static void
+block_until(long long int deadline)
+{
+    if (deadline >= 0) {
+        poll_timer_wait_until(deadline);
+    }
+    poll_block();
+}
+
+int
+ovsc_pstream_accept_timed(struct pstream *pstream, long long int timeout_ms,
+                          struct stream **streamp)
+{
+    long long int deadline = deadline_after(timeout_ms);
+
+    for (;;) {
+        int error = pstream_accept(pstream, streamp);
+        if (error != EAGAIN) {
+            return error;
+        }
+        if (deadline_passed(deadline)) {
+            *streamp = NULL;
+            return ETIMEDOUT;
+        }
+        pstream_wait(pstream);
+        block_until(deadline);
+    }
+}
+
+/* Runs 'rpc' until its output is out, it fails or 'deadline' passes. */
+static int
+flush_until(struct jsonrpc *rpc, long long int deadline)
+{
+    for (;;) {
+        jsonrpc_run(rpc);
+        int error = jsonrpc_get_status(rpc);
+        if (error || !jsonrpc_get_backlog(rpc)) {
+            return error;
+        }
+        if (deadline_passed(deadline)) {
+            return ETIMEDOUT;
+        }
+        jsonrpc_wait(rpc);
+        block_until(deadline);
+    }
+}
+
+int
+ovsc_jsonrpc_send_timed(struct jsonrpc *rpc, struct jsonrpc_msg *msg,
+                        long long int timeout_ms)
+{
+    long long int deadline = deadline_after(timeout_ms);
+    int error = jsonrpc_send(rpc, msg);
+    return error ? error : flush_until(rpc, deadline);
+}
+
+int
+ovsc_jsonrpc_transact_timed(struct jsonrpc *rpc, struct jsonrpc_msg *request,
+                            long long int timeout_ms,
+                            struct jsonrpc_msg **replyp)
+{
+    long long int deadline = deadline_after(timeout_ms);
+    struct json *id = json_clone(request->id);
+    struct jsonrpc_msg *reply = NULL;
+    int error = jsonrpc_send(rpc, request);
+
+    if (!error) {
+        error = flush_until(rpc, deadline);
+    }
+    while (!error) {
+        error = jsonrpc_recv(rpc, &reply);
+        if (error == EAGAIN) {
+            error = deadline_passed(deadline) ? ETIMEDOUT : 0;
+            if (!error) {
+                jsonrpc_run(rpc);
+                jsonrpc_wait(rpc);
+                jsonrpc_recv_wait(rpc);
+                block_until(deadline);
+            }
+            continue;
+        }
+        if (error) {
+            break;
+        }
+        if ((reply->type == JSONRPC_REPLY || reply->type == JSONRPC_ERROR)
+            && json_equal(id, reply->id)) {
+            break;
+        }
+        /* Anything else on this connection (a notification, an echo) is
+         * not what the caller waits for. */
+        jsonrpc_msg_destroy(reply);
+        reply = NULL;
+    }
+    json_destroy(id);
+    *replyp = error ? NULL : reply;
+    return error;
 }
 
 /* jsonrpc_open() names the connection after its stream, so a stream pointer

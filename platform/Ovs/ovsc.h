@@ -149,6 +149,18 @@ int ovsc_jsonrpc_recv(struct jsonrpc *, struct jsonrpc_msg **msgp);
 /* jsonrpc_run(): moves queued output onto the socket. */
 void ovsc_jsonrpc_run(struct jsonrpc *);
 
+/* Timed forms of the blocking calls: each gives up with ETIMEDOUT once
+ * 'timeout_ms' milliseconds have passed (a negative timeout waits without
+ * limit), so that a peer that stops answering cannot hold the caller longer.
+ * They wait in the libraries' poll loop as the blocking calls do. */
+int ovsc_pstream_accept_timed(struct pstream *, long long int timeout_ms,
+                              struct stream **streamp);
+int ovsc_jsonrpc_send_timed(struct jsonrpc *, struct jsonrpc_msg *msg,
+                            long long int timeout_ms);
+int ovsc_jsonrpc_transact_timed(struct jsonrpc *, struct jsonrpc_msg *request,
+                                long long int timeout_ms,
+                                struct jsonrpc_msg **replyp);
+
 /* jsonrpc_transact_block(): sends 'request' (taking ownership) and waits for
  * the reply or error with its id, stored in '*replyp' and owned by the
  * caller.  Messages with other ids that arrive meanwhile are dropped. */

@@ -146,6 +146,12 @@ std::string managerTargetProblem(std::string_view target) {
 }
 
 void checkConfig(const Config& config) {
+  // Long enough for a transaction of a whole fabric, short enough that a
+  // hung server does not silence the agent for good.
+  constexpr double longestDeadline = 3600;
+  if (!(config.ovsdbDeadline() > 0 && config.ovsdbDeadline() <= longestDeadline)) {
+    throw Kiln::JsonError("ovsdbDeadline", "must be more than 0 and at most 3600 seconds");
+  }
   const std::string_view path = config.ovsdbSocketPath().stringValue();
   if (path.empty()) {
     throw Kiln::JsonError("ovsdbSocketPath", "is required: the socket of the hardware_vtep database server");

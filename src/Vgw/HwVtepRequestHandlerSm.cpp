@@ -19,9 +19,11 @@
 #include <openvswitch/shash.h>
 
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -70,6 +72,13 @@ std::string connectionTarget(std::string_view path) {
     if (scheme) return std::string(path);
   }
   return "unix:" + std::string(path);
+}
+
+// The session's account of a call that ran out of time.
+std::string noAnswerText(const char* what, long long deadlineMs) {
+  std::ostringstream text;
+  text << "No answer " << what << " within " << static_cast<double>(deadlineMs) / 1000.0 << " s";
+  return text.str();
 }
 
 void traceOpenError(const std::string& target, int error) {
@@ -186,16 +195,16 @@ void JsonRpcCloser::operator()(jsonrpc* rpc) const { ovsc_jsonrpc_close(rpc); }
 
 // ---- connections ---------------------------------------------------------------
 
-JsonRpcPtr openJsonRpc(const Kiln::String& path) {
+JsonRpcPtr openJsonRpc(const Kiln::String& path, long long timeoutMs) {
   const std::string target = connectionTarget(path.stringValue());
   stream* connected = nullptr;
-  int error = ovsc_jsonrpc_stream_open_block(target.c_str(), dscp, -1, &connected);
+  int error = ovsc_jsonrpc_stream_open_block(target.c_str(), dscp, timeoutMs, &connected);
   if (error == EAFNOSUPPORT) {
     // A passive target: listen and wait for the server to connect to us.
     pstream* listener = nullptr;
     error = ovsc_jsonrpc_pstream_open(target.c_str(), dscp, &listener);
     if (!error) {
-      error = ovsc_pstream_accept_block(listener, &connected);
+      error = ovsc_pstream_accept_timed(listener, timeoutMs, &connected);
       ovsc_pstream_close(listener);
     }
   }
@@ -206,12 +215,14 @@ JsonRpcPtr openJsonRpc(const Kiln::String& path) {
   return JsonRpcPtr(ovsc_jsonrpc_open(connected));
 }
 
-Ovs::SchemaPtr fetchSchema(jsonrpc* rpc, const Kiln::String& dbName) {
+Ovs::SchemaPtr fetchSchema(jsonrpc* rpc, const Kiln::String& dbName, long long timeoutMs, int* error) {
   json* params = json_array_create_1(json_string_create(dbName.charPtr()));
   jsonrpc_msg* raw = nullptr;
-  const int error = ovsc_jsonrpc_transact_block(rpc, ovsc_jsonrpc_create_request("get_schema", params, nullptr), &raw);
+  const int failed =
+      ovsc_jsonrpc_transact_timed(rpc, ovsc_jsonrpc_create_request("get_schema", params, nullptr), timeoutMs, &raw);
   const Ovs::JsonRpcMsgPtr reply(raw);
-  if (!checkTxn(error, reply.get()) || !reply) return nullptr;
+  if (error) *error = failed;
+  if (!checkTxn(failed, reply.get()) || !reply) return nullptr;
   const json* result = ovsc_jsonrpc_msg_result(reply.get());
   if (!result) {
     const std::string text = "get_schema refused: " + render(ovsc_jsonrpc_msg_error(reply.get()));
@@ -267,9 +278,24 @@ HwVtepRequestHandlerSm::HwVtepRequestHandlerSm(Kiln::Ptr<const Config> config,
       localData_(Kiln::Entity::singletonIs<LocalData>()),
       kilnSessionStatus_(this),
       kilnRequestQueue_(this),
-      kilnFileDescriptor_(this) {
+      kilnFileDescriptor_(this),
+      monitorClock_(this) {
   kilnSessionStatus_.notifierIs(sessionStatus_);
   kilnRequestQueue_.notifierIs(requestQueue_);
+  monitorClock_.notifierIs(Kiln::EventLoop::current().clock());
+  monitorClock_.timeMinIs(Kiln::plusInfinity);
+}
+
+long long HwVtepRequestHandlerSm::deadlineMs() const {
+  return std::llround(config_->ovsdbDeadline() * 1000.0);
+}
+
+void HwVtepRequestHandlerSm::handleMonitorReplyDeadline() {
+  monitorClock_.timeMinIs(Kiln::plusInfinity);
+  if (sessionStatus_->sessionState() != SessionState::stateConnecting || !rpcMonitor_) return;
+  const std::string text = noAnswerText("to the subscription", deadlineMs());
+  VGW_TRACE(0, text);
+  updateOvsdbRequestResult(sessionStatus_, SessionState::stateDisconnected, OvsdbRequestType::monitor, text);
 }
 
 HwVtepRequestHandlerSm::~HwVtepRequestHandlerSm() {
@@ -288,12 +314,12 @@ Kiln::Ptr<HwVtepRequestHandlerSm> hwVtepRequestHandlerSmFactory(Kiln::Ptr<const 
 }
 
 jsonrpc* HwVtepRequestHandlerSm::rpcMonitorIs() {
-  if (!rpcMonitor_) rpcMonitor_ = openJsonRpc(config_->ovsdbSocketPath());
+  if (!rpcMonitor_) rpcMonitor_ = openJsonRpc(config_->ovsdbSocketPath(), deadlineMs());
   return rpcMonitor_.get();
 }
 
 jsonrpc* HwVtepRequestHandlerSm::rpcUpdaterIs() {
-  if (!rpcUpdater_) rpcUpdater_ = openJsonRpc(config_->ovsdbSocketPath());
+  if (!rpcUpdater_) rpcUpdater_ = openJsonRpc(config_->ovsdbSocketPath(), deadlineMs());
   return rpcUpdater_.get();
 }
 
@@ -338,9 +364,12 @@ void handleMonitorRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequestH
     return;
   }
   handler.currentOvsdbRequestIs(request);
-  Ovs::SchemaPtr schema = fetchSchema(rpc, monitor->dbName());
+  int fetchError = 0;
+  Ovs::SchemaPtr schema = fetchSchema(rpc, monitor->dbName(), handler.deadlineMs(), &fetchError);
   if (!schema) {
-    updateOvsdbRequestResult(status, SessionState::stateDisconnected, request->type(), connectionError);
+    updateOvsdbRequestResult(
+        status, SessionState::stateDisconnected, request->type(),
+        fetchError == ETIMEDOUT ? noAnswerText("from the database server", handler.deadlineMs()) : connectionError);
     return;
   }
   monitor->ovsdbSchemaIs(std::move(schema));
@@ -378,6 +407,7 @@ void handleMonitorRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequestH
   fd->nonBlockingIs(true);
   fd->notifyOnReadableIs(true);
   handler.fileDescriptorIs(fd);
+  handler.monitorReplyDeadlineIs(Kiln::System::currentTime() + handler.config()->ovsdbDeadline());
 }
 
 void handleTransactRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequestHandlerSm& handler) {
@@ -412,7 +442,7 @@ void handleTransactRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequest
   }
   std::signal(SIGPIPE, SIG_IGN);
   jsonrpc_msg* raw = nullptr;
-  const int error = ovsc_jsonrpc_transact_block(rpc, message, &raw);
+  const int error = ovsc_jsonrpc_transact_timed(rpc, message, handler.deadlineMs(), &raw);
   const Ovs::JsonRpcMsgPtr reply(raw);
   VGW_TRACE(6, "Restoring current signal action");
   if (sigaction(SIGPIPE, &saved, nullptr) != 0) {
@@ -422,8 +452,10 @@ void handleTransactRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequest
   }
 
   if (error || !reply) {
-    VGW_TRACE(0, connectionError);
-    updateOvsdbRequestResult(status, SessionState::stateDisconnected, request->type(), connectionError);
+    const std::string failure =
+        error == ETIMEDOUT ? noAnswerText("from the database server", handler.deadlineMs()) : connectionError;
+    VGW_TRACE(0, failure);
+    updateOvsdbRequestResult(status, SessionState::stateDisconnected, request->type(), failure);
     return;
   }
   if (const json* replyError = ovsc_jsonrpc_msg_error(reply.get())) {
@@ -442,11 +474,11 @@ void handleTransactRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequest
   }
 }
 
-void handleCancelRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequestHandlerSm&) {
+void handleCancelRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequestHandlerSm& handler) {
   auto* cancel = dynamic_cast<OvsdbCancelRequest*>(request.get());
   KILN_ASSERT(cancel, "Dynamic cast to OvsdbCancelRequest failed");
   KILN_ASSERT(cancel->rpc(), "rpc is NULL");
-  if (const int error = ovsc_jsonrpc_send_block(cancel->rpc(), cancel->toJsonMsg())) {
+  if (const int error = ovsc_jsonrpc_send_timed(cancel->rpc(), cancel->toJsonMsg(), handler.deadlineMs())) {
     VGW_TRACE(0, "Cancel send error: " << error);
   }
 }
@@ -484,6 +516,7 @@ void HwVtepRequestHandlerSm::handleFileDescriptor() {
       const json* params = ovsc_jsonrpc_msg_params(message.get());
       ovsc_jsonrpc_send(rpc, ovsc_jsonrpc_create_reply(params ? json_clone(params) : json_array_create_empty(), id));
     } else if (type == OVSC_JSONRPC_REPLY && ours) {
+      monitorReplyDeadlineIs(Kiln::plusInfinity);
       const json* result = ovsc_jsonrpc_msg_result(message.get());
       const std::string text = render(result);
       VGW_TRACE(6, "Monitor reply:\n" << text);
@@ -525,6 +558,7 @@ void HwVtepRequestHandlerSm::handleSessionState() {
 }
 
 void HwVtepRequestHandlerSm::clearRpc() {
+  monitorReplyDeadlineIs(Kiln::plusInfinity);
   fileDescriptorIs(nullptr);
   if (currentOvsdbRequest_) currentOvsdbRequest_->destroy();
   rpcMonitor_.reset();

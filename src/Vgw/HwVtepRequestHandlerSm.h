@@ -36,7 +36,11 @@
 //
 // Single-threaded: every entry point runs on the agent's event loop. The
 // blocking calls (connect, the schema fetch, a transaction) stall the loop
-// for their length by design.
+// for their length by design, each for at most config.ovsdbDeadline: a
+// server that stops answering, or a peer that takes the connection and never
+// answers, makes the call fail there and the session start over. The
+// subscription's reply is awaited on the loop, and given up on the loop's
+// clock after the same deadline.
 #pragma once
 
 #include <map>
@@ -124,8 +128,17 @@ class HwVtepRequestHandlerSm : public Kiln::PtrInterface {
   const Kiln::Ptr<OvsdbRequest>& currentOvsdbRequest() const { return currentOvsdbRequest_; }
   void currentOvsdbRequestIs(Kiln::Ptr<OvsdbRequest> request) { currentOvsdbRequest_ = std::move(request); }
 
+  // The time by which the subscription's reply must have come; plus
+  // infinity while none is awaited.
+  double monitorReplyDeadline() const { return monitorClock_.timeMin(); }
+  void monitorReplyDeadlineIs(double time) { monitorClock_.timeMinIs(time); }
+  // How long a call on the database socket may take, in milliseconds.
+  long long deadlineMs() const;
+
   void handleRequestQueue();
   void processRequest(const Kiln::Ptr<OvsdbRequest>& request);
+  // The subscription's reply has not come in time: the session starts over.
+  void handleMonitorReplyDeadline();
   // Reads the monitor connection until it has nothing more.
   void handleFileDescriptor();
   void handleSessionState();
@@ -157,6 +170,14 @@ class HwVtepRequestHandlerSm : public Kiln::PtrInterface {
    public:
     explicit KilnRequestQueue(HwVtepRequestHandlerSm* sm) : sm_(sm) {}
     void onRequest(std::uint32_t) override { sm_->handleRequestQueue(); }
+
+   private:
+    HwVtepRequestHandlerSm* sm_;
+  };
+  class KilnMonitorClock : public Kiln::Clock::NotifieeConst {
+   public:
+    explicit KilnMonitorClock(HwVtepRequestHandlerSm* sm) : sm_(sm) {}
+    void onTimeMin() override { sm_->handleMonitorReplyDeadline(); }
 
    private:
     HwVtepRequestHandlerSm* sm_;
@@ -216,6 +237,7 @@ class HwVtepRequestHandlerSm : public Kiln::PtrInterface {
   KilnSessionStatus kilnSessionStatus_;
   KilnRequestQueue kilnRequestQueue_;
   KilnFileDescriptor kilnFileDescriptor_;
+  KilnMonitorClock monitorClock_;
 };
 
 Kiln::Ptr<HwVtepRequestHandlerSm> hwVtepRequestHandlerSmFactory(Kiln::Ptr<const Config> config,
@@ -226,12 +248,14 @@ Kiln::Ptr<HwVtepRequestHandlerSm> hwVtepRequestHandlerSmFactory(Kiln::Ptr<const 
 
 // Opens a connection to the database server at `path`: a socket path, or a
 // connection target with its scheme ("unix:/run/db.sock", "punix:/...").
-// A passive target listens and waits for one peer. Null, with a trace, when
-// it fails.
-JsonRpcPtr openJsonRpc(const Kiln::String& path);
-// The schema of `dbName`, fetched with a blocking request. Null when the
-// connection fails; a reply that is no schema asserts "ovsdb error".
-Ovs::SchemaPtr fetchSchema(jsonrpc* rpc, const Kiln::String& dbName);
+// A passive target listens and waits for one peer. Each wait lasts at most
+// `timeoutMs`. Null, with a trace, when it fails.
+JsonRpcPtr openJsonRpc(const Kiln::String& path, long long timeoutMs);
+// The schema of `dbName`, fetched with a request that waits at most
+// `timeoutMs`. Null when the connection fails or the time runs out, with the
+// error in `*error` when given; a reply that is no schema asserts "ovsdb
+// error" after one log line naming the server and its answer.
+Ovs::SchemaPtr fetchSchema(jsonrpc* rpc, const Kiln::String& dbName, long long timeoutMs, int* error = nullptr);
 // The monitor request object of one table: its columns in sorted order,
 // narrowed to the request's column map when that is not empty, and the
 // "select" flags.

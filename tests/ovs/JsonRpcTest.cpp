@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -86,6 +87,75 @@ TEST(OvsJsonRpc, FetchesTheSchemaAndRunsTransactions) {
   ASSERT_EQ(selected[0]["rows"].size(), 1u) << selected;
   EXPECT_EQ(selected[0]["rows"][0]["_uuid"][1], uuid);
   EXPECT_EQ(selected[0]["rows"][0]["tunnel_ips"], Json::parse(R"(["set", ["10.0.0.1", "10.0.0.2"]])"));
+}
+
+// Milliseconds that `call` took, in real time: the calls under test block on
+// a peer that never answers, which simulated time cannot stand in for.
+template <class Call>
+long long elapsedMs(Call call) {
+  const auto start = std::chrono::steady_clock::now();
+  call();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Each blocking call has its deadline: a peer that takes the connection and
+// never answers, never reads, or never comes makes it fail with ETIMEDOUT
+// once the time is up, and not before.
+TEST(OvsJsonRpc, BlockingCallsFailAtTheirDeadlineOnAPeerThatNeverAnswers) {
+  constexpr long long timeout = 100;
+  HandPeer silent;
+  RpcPtr rpc = connect(silent.target());
+  ASSERT_TRUE(rpc);
+  silent.accept();
+  jsonrpc_msg* reply = nullptr;
+  int error = 0;
+  long long took = elapsedMs([&] {
+    error = ovsc_jsonrpc_transact_timed(rpc.get(), ovsc_jsonrpc_create_request("get_schema", parseJson(R"(["x"])").release(), nullptr),
+                                        timeout, &reply);
+  });
+  EXPECT_EQ(error, ETIMEDOUT);
+  EXPECT_EQ(reply, nullptr);
+  EXPECT_GE(took, timeout);
+  EXPECT_LT(took, 10 * timeout);
+
+  // A message larger than the socket takes, to a peer that never reads.
+  RpcPtr blocked = connect(silent.target());
+  silent.accept();
+  const std::string big(8 << 20, 'x');
+  took = elapsedMs([&] {
+    error = ovsc_jsonrpc_send_timed(blocked.get(),
+                                    ovsc_jsonrpc_create_request("echo", json_array_create_1(json_string_create(big.c_str())), nullptr),
+                                    timeout);
+  });
+  EXPECT_EQ(error, ETIMEDOUT);
+  EXPECT_GE(took, timeout);
+  EXPECT_LT(took, 10 * timeout);
+
+  // A passive target that nobody connects to.
+  const std::string listening = "punix:" + silent.path() + ".passive";
+  pstream* listener = nullptr;
+  ASSERT_EQ(ovsc_jsonrpc_pstream_open(listening.c_str(), kDscp, &listener), 0);
+  stream* accepted = nullptr;
+  took = elapsedMs([&] { error = ovsc_pstream_accept_timed(listener, timeout, &accepted); });
+  ovsc_pstream_close(listener);
+  EXPECT_EQ(error, ETIMEDOUT);
+  EXPECT_EQ(accepted, nullptr);
+  EXPECT_GE(took, timeout);
+  EXPECT_LT(took, 10 * timeout);
+}
+
+// With time to spare, the timed calls do what the blocking ones do.
+TEST(OvsJsonRpc, TimedCallsAnswerLikeBlockingOnesWithinTheirDeadline) {
+  OvsdbServer server;
+  RpcPtr rpc = connect(server.target());
+  jsonrpc_msg* reply = nullptr;
+  ASSERT_EQ(ovsc_jsonrpc_transact_timed(rpc.get(), ovsc_jsonrpc_create_request("get_schema", parseJson(R"(["hardware_vtep"])").release(), nullptr),
+                                        10000, &reply),
+            0);
+  const MsgPtr owned(reply);
+  ASSERT_TRUE(ovsc_jsonrpc_msg_result(reply));
+  EXPECT_TRUE(parseSchema(ovsc_jsonrpc_msg_result(reply)));
+  EXPECT_EQ(ovsc_jsonrpc_send_timed(rpc.get(), ovsc_jsonrpc_create_request("echo", json_array_create_empty(), nullptr), 10000), 0);
 }
 
 // A peer sends what is not JSON, which the library warns about on its own

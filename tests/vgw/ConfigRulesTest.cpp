@@ -70,6 +70,9 @@ TEST_F(ConfigRulesStore, everyRoadRefusesTheSameValuesWithTheSameWordsAndChanges
        "vgw/config/ovsdbSocketPath: is required: the socket of the hardware_vtep database server"},
       {"vgw/config/ovsdbSocketPath", "tcp:", "vgw/config",
        "vgw/config/ovsdbSocketPath: \"tcp:\" is no socket path or connection method: needs a host"},
+      {"vgw/config/ovsdbDeadline", 0, "vgw/config", "vgw/config/ovsdbDeadline: must be more than 0 and at most 3600 seconds"},
+      {"vgw/config/ovsdbDeadline", 86400, "vgw/config",
+       "vgw/config/ovsdbDeadline: must be more than 0 and at most 3600 seconds"},
       {"vgw/cliconfig/managerAddress/not-a-target", true, "vgw/cliconfig",
        "vgw/cliconfig/managerAddress/not-a-target: not an OVSDB connection method: expected ssl:HOST[:PORT], "
        "tcp:HOST[:PORT], unix:FILE, pssl:[PORT][:IP], ptcp:[PORT][:IP] or punix:FILE"},
@@ -102,7 +105,9 @@ TEST_F(ConfigRulesStore, everyRoadRefusesTheSameValuesWithTheSameWordsAndChanges
   manager->write("vgw/cliconfig/managerAddress/ptcp:6641", true, Ledger::Writer::external);
   manager->write("vgw/cliconfig/maxOps", 1, Ledger::Writer::external);
   manager->write("vgw/config/ovsdbSocketPath", "unix:/run/other.sock", Ledger::Writer::external);
+  manager->write("vgw/config/ovsdbDeadline", 0.5, Ledger::Writer::external);
   EXPECT_EQ(manager->read("vgw/cliconfig/maxOps"), 1);
+  EXPECT_EQ(manager->read("vgw/config/ovsdbDeadline"), 0.5);
 }
 
 }  // namespace

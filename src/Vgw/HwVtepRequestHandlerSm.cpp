@@ -138,6 +138,16 @@ bool hasVni(const LogicalSwitch& ls, const Uuid& row) {
   return false;
 }
 
+// An ARP source the controller gave no usable MAC (an empty or malformed
+// src_mac) stays a row of the mirror, indexed nowhere: there is no MAC to
+// publish or to answer for.
+template <class Row>
+bool indexableArpSource(const Row& arp) {
+  if (!arp.srcMac().isZero()) return true;
+  VGW_TRACE(0, ovsdbTableName(arp.type()) << " " << arp.uuid() << " names no MAC, indexed nowhere");
+  return false;
+}
+
 bool isUplink(const HwVtepOvsdb& ovsdb, const Uuid& logicalSwitch) {
   return ovsdb.logicalSwitch(logicalSwitch) && !tunnelKeyOf(ovsdb, logicalSwitch).isValid();
 }
@@ -933,7 +943,7 @@ void HwVtepRequestHandlerSm::processArpSourcesLocal(NotifyType type, const Uuid&
   const Kiln::Ptr<PhysicalLocator> physicalLocator = ovsdb_->physicalLocatorRaw(arp->locator());
   KILN_ASSERT(physicalLocator, "!!physicalLocator && \"Invalid physical locator uuid\"");
   localData_->localLocatorIs(physicalLocator->key(), physicalLocator);
-  ovsdb_->arpSourcesLocalIs(arp->srcMac(), arp);
+  if (indexableArpSource(*arp)) ovsdb_->arpSourcesLocalIs(arp->srcMac(), arp);
 }
 
 void HwVtepRequestHandlerSm::processArpSourcesRemote(NotifyType type, const Uuid& uuid, const json* newRow,
@@ -944,7 +954,7 @@ void HwVtepRequestHandlerSm::processArpSourcesRemote(NotifyType type, const Uuid
       const Kiln::Ptr<ArpSourcesRemote> arp = ovsdb_->arpSourcesRemoteRawIs(uuid);
       unmarshal(*arp, newRow, schema);
       KILN_ASSERT(ovsdb_->physicalLocatorRaw(arp->locator()), "!!physicalLocator && \"Invalid physicalLocator uuid\"");
-      ovsdb_->arpSourcesRemoteIs(arp->srcMac(), arp);
+      if (indexableArpSource(*arp)) ovsdb_->arpSourcesRemoteIs(arp->srcMac(), arp);
       return;
     }
     case NotifyType::notifyModify: {
@@ -959,7 +969,7 @@ void HwVtepRequestHandlerSm::processArpSourcesRemote(NotifyType type, const Uuid
         ovsdb_->arpSourcesRemoteDel(previous.srcMac());
       }
       KILN_ASSERT(ovsdb_->physicalLocatorRaw(arp->locator()), "!!physicalLocator && \"Invalid physicalLocator uuid\"");
-      ovsdb_->arpSourcesRemoteIs(arp->srcMac(), arp);
+      if (indexableArpSource(*arp)) ovsdb_->arpSourcesRemoteIs(arp->srcMac(), arp);
       return;
     }
     case NotifyType::notifyDelete: {
@@ -1004,13 +1014,18 @@ void HwVtepRequestHandlerSm::processUcastMacsRemote(NotifyType type, const Uuid&
       dirtySwitchBinding = !row->ipAddr().isEmpty();
       if (ovsdb_->arpSourcesLocal(row->mac())) {
         // The controller reflects one of the agent's own bridge MACs: the
-        // row's VNI carries routed traffic through this gateway.
-        KILN_ASSERT(!row->ipAddr().isEmpty(), "!!mac->ipAddr() && \"Reflected entry with bridgeMac must have IP\"");
+        // row's VNI carries routed traffic through this gateway. Without an
+        // address, or on a switch without a VNI, it can route nothing.
         const Vxlan::VniOrNone vni = tunnelKeyOf(*ovsdb_, row->logicalSwitch());
-        KILN_ASSERT(vni != Vxlan::VniOrNone::invalidVni(), "vni != Vxlan::VniOrNone::invalidVni() && \"Transit without Vni\"");
-        VGW_TRACE(6, "Vni " << vni << " is Transit");
-        localData_->transitVniIs(vni.vni())->ucastMacsRemoteRefIs(uuid);
-        dirtyTransitVni = true;
+        if (row->ipAddr().isEmpty() || !vni.isValid()) {
+          VGW_TRACE(0, "Ucast_Macs_Remote " << uuid << " reflects bridge MAC " << row->mac()
+                                            << (row->ipAddr().isEmpty() ? " without an address" : " without a VNI")
+                                            << ", no transit VNI");
+        } else {
+          VGW_TRACE(6, "Vni " << vni << " is Transit");
+          localData_->transitVniIs(vni.vni())->ucastMacsRemoteRefIs(uuid);
+          dirtyTransitVni = true;
+        }
       }
       KILN_ASSERT(ovsdb_->physicalLocatorRaw(row->physicalLocator()), invalidLocator);
       break;

@@ -339,7 +339,7 @@ Ipkit::IpGenAddrWithMask toIpGenAddrWithMask(std::string_view text) {
   const std::optional<Ipkit::IpGenAddrWithMask> addr = Ipkit::IpGenAddrWithMask::tryParse(text);
   if (!addr || addr->address().isEmpty() || isUnspecified(addr->address())) {
     VGW_TRACE(0, "Discarding unexpected IP address with mask: " << text);
-    KILN_ASSERT(false, "false && \"toIpGenAddrWithMask\"");
+    return Ipkit::IpGenAddrWithMask();
   }
   return *addr;
 }
@@ -587,9 +587,13 @@ void unmarshal(LogicalRouter& row, const json* data, const ovsdb_table_schema& s
     } else if (name == "switch_binding") {
       readMap(cell, row, row.switchBinding(), &LogicalRouter::switchBindingIs, &LogicalRouter::switchBindingDel,
               "ovsdb_type_is_map( &type ) && \"switch_binding is not a map\"", OVSC_TYPE_STRING, keyIsString,
-              OVSC_TYPE_UUID, valueIsUuid, [&](unsigned i) {
-                return std::optional<std::pair<Ipkit::IpGenAddrWithMask, Uuid>>(
-                    std::in_place, toIpGenAddrWithMask(cell.text(i)), cell.uuidAt(i, OVSC_VALUE));
+              OVSC_TYPE_UUID, valueIsUuid,
+              [&](unsigned i) -> std::optional<std::pair<Ipkit::IpGenAddrWithMask, Uuid>> {
+                // The controller may key a binding with any text; one that
+                // names no interface address binds nothing.
+                const Ipkit::IpGenAddrWithMask key = toIpGenAddrWithMask(cell.text(i));
+                if (key.address().isEmpty()) return std::nullopt;
+                return std::pair(key, cell.uuidAt(i, OVSC_VALUE));
               });
     } else if (name == "static_routes") {
       readMap(cell, row, row.staticRoute(), &LogicalRouter::staticRouteIs, &LogicalRouter::staticRouteDel,
@@ -692,15 +696,14 @@ void unmarshal(Tunnel& row, const json* data, const ovsdb_table_schema& schema) 
 
 namespace {
 
+// src_mac is a string the controller may leave empty or fill with what is
+// no MAC; either reads as the zero MAC, which the mirror indexes nowhere.
 template <class Row>
-void unmarshalArpSource(Row& row, const json* data, const ovsdb_table_schema& schema, const char* macText,
-                        const char* locatorText) {
+void unmarshalArpSource(Row& row, const json* data, const ovsdb_table_schema& schema, const char* locatorText) {
   forEachColumn(data, schema, [&](const Cell& cell) {
     const std::string_view name = cell.name();
     if (name == "src_mac") {
-      const std::string_view mac = cell.text();
-      KILN_ASSERT(!mac.empty(), macText);
-      row.srcMacIs(toEthAddr(mac));
+      row.srcMacIs(toEthAddr(cell.text()));
     } else if (name == "locator") {
       const Uuid locator = cell.uuidAt();
       KILN_ASSERT(locator != Uuid::nullUuid(), locatorText);
@@ -715,13 +718,11 @@ void unmarshalArpSource(Row& row, const json* data, const ovsdb_table_schema& sc
 }  // namespace
 
 void unmarshal(ArpSourcesLocal& row, const json* data, const ovsdb_table_schema& schema) {
-  unmarshalArpSource(row, data, schema, "srcMac.size() && \"Invalid mac\"",
-                     "locator != Uuid::nullUuid() && \"Invalid locator\"");
+  unmarshalArpSource(row, data, schema, "locator != Uuid::nullUuid() && \"Invalid locator\"");
 }
 
 void unmarshal(ArpSourcesRemote& row, const json* data, const ovsdb_table_schema& schema) {
-  unmarshalArpSource(row, data, schema, "mac.size() && \"Unexpected src_mac data\"",
-                     "locator != Uuid::nullUuid() && \"Unexpected locator data\"");
+  unmarshalArpSource(row, data, schema, "locator != Uuid::nullUuid() && \"Unexpected locator data\"");
 }
 
 void extractMacLocBindings(const json* data, const ovsdb_table_schema& schema, MacLocBindings& out) {

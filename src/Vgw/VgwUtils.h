@@ -55,8 +55,8 @@ Ipkit::EthAddr toEthAddr(std::string_view text);
 // trace for text that is no address.
 Ipkit::IpGenAddr toIpGenAddr(std::string_view text);
 // An interface address with its mask. Anything else (bad text, an
-// unspecified or empty address) asserts: it can only come from a
-// switch_binding key, which the agent cannot do without.
+// unspecified or empty address), which a controller may write as a
+// switch_binding key, is traced at level 0 and gives the empty value.
 Ipkit::IpGenAddrWithMask toIpGenAddrWithMask(std::string_view text);
 // The interface of the text; the empty id, with a trace, when it is none.
 Ipkit::IntfId toIntfId(std::string_view text);

@@ -358,7 +358,7 @@ TEST_F(ControlServerTest, watchesStreamChangesFromEveryWriterUntilUnwatched) {
 }
 
 TEST_F(ControlServerTest, aClientGoingMidReplyTakesItsWatchesAlong) {
-  for (int i = 0; i < 2000; ++i) errors->genericErrorIs("e" + std::to_string(i), std::string(1000, 'x'));
+  for (int i = 0; i < 2000; ++i) errors->genericErrorIs(std::string("e").append(std::to_string(i)), std::string(1000, 'x'));
   const std::size_t reactorsBefore = config->notifieeCount();
   {
     TestClient watcher(socketPath);

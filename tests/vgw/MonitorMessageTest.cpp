@@ -144,6 +144,39 @@ TEST_F(VgwMonitorMessage, LocalMacRowsOnASwitchWithoutAVniAreLeftOut) {
   }
 }
 
+// Rows the controller may write that mean nothing to the fabric: an ARP
+// source without a MAC is kept but indexed nowhere, and a remote row that
+// reflects one of the agent's bridge MACs without an address, or on a
+// switch without a VNI, makes no transit VNI. Each is traced; the message
+// is applied.
+TEST_F(VgwMonitorMessage, RowsThatMeanNothingToTheFabricAreKeptAndIndexedNowhere) {
+  TraceCapture trace("VgwRequestHandler/0");
+  stateIs(SessionState::stateConnecting);
+  Json message = switchAndLocators(1, 10, 2, {"10.0.0.1"});
+  message["Logical_Switch"][S(5)]["new"] = {{"name", "no-vni"}};
+  message["Arp_Sources_Local"][S(20)]["new"] = {{"src_mac", "00:aa:00:00:00:01"}, {"locator", ref(2)}};
+  ASSERT_TRUE(apply(message));
+  stateIs(SessionState::stateConnected);
+  ASSERT_TRUE(apply({{"Arp_Sources_Remote",
+                      {{S(21), {{"new", {{"src_mac", ""}, {"locator", ref(2)}}}}},
+                       {S(22), {{"new", {{"src_mac", "not-a-mac"}, {"locator", ref(2)}}}}}}},
+                     {"Ucast_Macs_Remote",
+                      {{S(30), {{"new", ucast("00:aa:00:00:00:01", 1, 2, "")}}},
+                       {S(31), {{"new", ucast("00:aa:00:00:00:01", 5, 2, "10.1.1.1")}}}}}}));
+  EXPECT_EQ(keysOf(ovsdb->arpSourcesRemoteRaw()), (std::set<Uuid>{rowId(21), rowId(22)}));
+  EXPECT_TRUE(ovsdb->arpSourcesRemote().empty());
+  EXPECT_TRUE(local().transitVni().empty());
+  EXPECT_EQ(trace.count("names no MAC, indexed nowhere"), 2u) << trace.text();
+  EXPECT_EQ(trace.count("reflects bridge MAC 00:aa:00:00:00:01"), 2u) << trace.text();
+  EXPECT_TRUE(local().remoteHostTable(rowId(1))->macVtep().contains(mac("00:aa:00:00:00:01")));
+  // Their changes and deletes find them where they are.
+  ASSERT_TRUE(apply({{"Arp_Sources_Remote",
+                      {{S(21), {{"new", {{"src_mac", "00:99:00:00:00:01"}, {"locator", ref(2)}}}, {"old", {{"src_mac", ""}}}}},
+                       {S(22), {{"old", {{"src_mac", "not-a-mac"}, {"locator", ref(2)}}}}}}}}));
+  EXPECT_EQ(keysOf(ovsdb->arpSourcesRemote()), std::set<EthAddr>{mac("00:99:00:00:00:01")});
+  EXPECT_EQ(keysOf(ovsdb->arpSourcesRemoteRaw()), std::set<Uuid>{rowId(21)});
+}
+
 TEST(VgwStaleRows, LocalMacsAreJudgedByMacAndVniAndOrphanedIndexEntriesGo) {
   freshLocalData();
   LocalData& local = *Kiln::Entity::singletonIs<LocalData>();

@@ -94,7 +94,7 @@ class AnswerLog : public RemoteHostTable::NotifieeConst {
   template <class Key>
   void note(const char* answer, const Key& key, bool present, bool backed) {
     if (present) alwaysBacked = alwaysBacked && backed;
-    seen.push_back((present ? "+" : "-") + std::string(answer) + key.stringValue().stringValue());
+    seen.push_back(std::string(present ? "+" : "-").append(answer).append(key.stringValue().stringValue()));
   }
 };
 

@@ -5,14 +5,12 @@
 // the store is as it was after each, and the agent goes on serving the
 // socket and the database. VGW_ROBUST_ITERATIONS multiplies the requests.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <random>
 #include <string>
 #include <vector>
 
+#include "ControlClient.h"
 #include "Ledger/ControlServer.h"
 #include "RobustSupport.h"
 
@@ -20,45 +18,6 @@ namespace Vgw::Test {
 namespace {
 
 using Kiln::Json;
-
-// A client on its own non-blocking socket, so that it never stalls the
-// loop it shares with the server.
-class Client {
- public:
-  explicit Client(const std::string& path) {
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address);  // NOLINT
-  }
-  ~Client() { close(fd_); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  void write(const std::string& bytes) { send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-  // The next line as JSON; null when the server closes first or is silent.
-  Json reply(LoopRunner& loop) {
-    std::string line;
-    loop.runUntil([&] {
-      char buffer[65536];
-      const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-      if (n > 0) input_.append(buffer, static_cast<std::size_t>(n));
-      const std::size_t newline = input_.find('\n');
-      if (newline != std::string::npos) {
-        line = input_.substr(0, newline);
-        input_.erase(0, newline + 1);
-        return true;
-      }
-      return n == 0;
-    }, 5.0);
-    return line.empty() ? Json() : Json::parse(line, nullptr, false);
-  }
-
- private:
-  int fd_ = -1;
-  std::string input_;
-};
 
 // A request that must be refused, drawn at random.
 class HostileRequests {
@@ -172,7 +131,7 @@ TEST(ControlFuzz, hostileClientsChangeNothingTheyWereRefusedAndTheAgentServesOn)
   for (int i = 0; i < count; ++i) {
     const std::string request = requests.next();
     SCOPED_TRACE(request.substr(0, 200));
-    Client client(socketPath);
+    TestClient client(socketPath);
     switch (i % 5) {
       case 0:  // goes before the line is complete
         client.write(request.substr(0, request.size() / 2));
@@ -182,7 +141,7 @@ TEST(ControlFuzz, hostileClientsChangeNothingTheyWereRefusedAndTheAgentServesOn)
         break;
       default: {
         client.write(request + "\n");
-        const Json reply = client.reply(loop);
+        const Json reply = client.message();
         ASSERT_TRUE(reply.is_object()) << "no reply";
         // Reading even a hostile path may succeed; a write may not.
         const Json parsed = Json::parse(request, nullptr, false);
@@ -200,9 +159,9 @@ TEST(ControlFuzz, hostileClientsChangeNothingTheyWereRefusedAndTheAgentServesOn)
   EXPECT_GT(refused, count / 2);
 
   // The socket and the database are served as before.
-  Client client(socketPath);
-  client.write(R"({"op": "get", "path": "vgw/cliconfig/maxOps", "id": 1})" "\n");
-  EXPECT_EQ(client.reply(loop), Json({{"id", 1}, {"ok", true}, {"value", 1000}}));
+  TestClient client(socketPath);
+  EXPECT_EQ(client.call({{"op", "get"}, {"path", "vgw/cliconfig/maxOps"}, {"id", 1}}),
+            Json({{"id", 1}, {"ok", true}, {"value", 1000}}));
   ops = Json::array();
   db.ucastRemote(ops, blue, "00:00:00:00:00:0b", "10.0.0.2");
   db.transact(ops);

@@ -29,6 +29,7 @@
 
 #include "Kiln/Assert.h"
 #include "Kiln/Log.h"
+#include "Kiln/System.h"
 #include "RingTape/RingTape.h"
 #include "Vgw/OvsdbSessionRecord.h"
 #include "Vgw/RemoteHostSm.h"
@@ -518,6 +519,7 @@ void HwVtepRequestHandlerSm::handleFileDescriptor() {
       return;
     }
     const Ovs::JsonRpcMsgPtr message(raw);
+    const double received = Kiln::System::currentTime();
     const enum ovsc_jsonrpc_msg_type type = ovsc_jsonrpc_msg_type(message.get());
     const char* method = ovsc_jsonrpc_msg_method(message.get());
     const json* id = ovsc_jsonrpc_msg_id(message.get());
@@ -527,6 +529,7 @@ void HwVtepRequestHandlerSm::handleFileDescriptor() {
       ovsc_jsonrpc_send(rpc, ovsc_jsonrpc_create_reply(params ? json_clone(params) : json_array_create_empty(), id));
     } else if (type == OVSC_JSONRPC_REPLY && ours) {
       monitorReplyDeadlineIs(Kiln::plusInfinity);
+      lastMessageTimes_ = MonitorMessageTimes{.received = received};
       const json* result = ovsc_jsonrpc_msg_result(message.get());
       const std::string text = render(result);
       VGW_TRACE(6, "Monitor reply:\n" << text);
@@ -544,6 +547,7 @@ void HwVtepRequestHandlerSm::handleFileDescriptor() {
     } else if (type == OVSC_JSONRPC_NOTIFY && method && std::string_view(method) == "update") {
       const json* params = ovsc_jsonrpc_msg_params(message.get());
       if (params && params->type == JSON_ARRAY && json_array(params)->n == 2) {
+        lastMessageTimes_ = MonitorMessageTimes{.received = received};
         VGW_TRACE(6, "Monitor update:\n" << render(params));
         if (!handleMonitorNotification(json_array(params)->elems[1], request)) {
           updateOvsdbRequestResult(sessionStatus_, SessionState::stateDisconnected, OvsdbRequestType::monitor,
@@ -631,6 +635,7 @@ bool HwVtepRequestHandlerSm::handleMonitorNotification(const json* result, Ovsdb
   }
 
   if (snapshot) removeStaleOvsdb(ovsdb_, freshUuids, newMacsLocal_);
+  lastMessageTimes_.rowsApplied = Kiln::System::currentTime();
 
   for (const auto& [uuid, table] : localData_->remoteHostTable()) {
     if (!table->processPendingMacs(ovsdb_)) {
@@ -640,6 +645,8 @@ bool HwVtepRequestHandlerSm::handleMonitorNotification(const json* result, Ovsdb
       return false;
     }
   }
+
+  lastMessageTimes_.tablesFolded = Kiln::System::currentTime();
 
   VGW_TRACE(6, "LR refresh");
   if (LrSmInterface* lrSm = rootSm_ ? rootSm_->lrSm() : nullptr) lrSm->reconcileConfig();
@@ -661,6 +668,7 @@ bool HwVtepRequestHandlerSm::handleMonitorNotification(const json* result, Ovsdb
   }
   newMacsLocal_.clear();
   newUcastMacsRemote_.clear();
+  lastMessageTimes_.published = Kiln::System::currentTime();
 
   VGW_TRACE(6, "TunnelSm refresh");
   if (TunnelSmInterface* tunnelSm = rootSm_ ? rootSm_->tunnelSm() : nullptr) tunnelSm->handleRefresh(true);

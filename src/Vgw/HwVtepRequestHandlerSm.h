@@ -88,6 +88,15 @@ class RootSmInterface {
   virtual TunnelSmInterface* tunnelSm() const = 0;
 };
 
+// When the parts of the last monitor message were done, on the scale of
+// Kiln::System::currentTime(): where the time of a large message goes.
+struct MonitorMessageTimes {
+  double received = 0.0;      // the whole message read off the socket and parsed
+  double rowsApplied = 0.0;   // every row in the mirror, remote rows pending
+  double tablesFolded = 0.0;  // the pending remote rows in their remote host tables
+  double published = 0.0;     // the remote host publication done
+};
+
 struct JsonRpcCloser {
   void operator()(jsonrpc* rpc) const;
 };
@@ -149,6 +158,7 @@ class HwVtepRequestHandlerSm : public Kiln::PtrInterface {
   // Applies one row of a monitor message to the mirror and the working data.
   void ovsdbToLedger(NotifyType notifyType, const Uuid& uuid, const json* newRow, const json* oldRow,
                      const ovsdb_table_schema& tableSchema, OvsdbDataType type, OvsdbMonitorRequest* monitorRequest);
+  const MonitorMessageTimes& lastMessageTimes() const { return lastMessageTimes_; }
   // Rebuilds LocalData.vniToLogicalSwitch from the mirror's logical switches.
   void refreshVniToLogicalSwitch();
 
@@ -234,6 +244,7 @@ class HwVtepRequestHandlerSm : public Kiln::PtrInterface {
   // of a snapshot, and the remote unicast rows the message brought.
   std::set<MacVniPair> newMacsLocal_;
   std::vector<Kiln::Ptr<const UcastMacsRemote>> newUcastMacsRemote_;
+  MonitorMessageTimes lastMessageTimes_;
   KilnSessionStatus kilnSessionStatus_;
   KilnRequestQueue kilnRequestQueue_;
   KilnFileDescriptor kilnFileDescriptor_;

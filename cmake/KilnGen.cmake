@@ -29,4 +29,6 @@ function(kiln_generate target)
     target_sources(${target} PRIVATE ${out_cpp} ${out_h})
   endforeach()
   target_include_directories(${target} PUBLIC ${KILN_GEN_ROOT})
+  # Generated values write themselves into traces.
+  target_link_libraries(${target} PUBLIC Vgw::ringtape)
 endfunction()

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "Ovs/ovsc.h"
+#include "RingTape/Args.h"
 
 namespace Vgw {
 
@@ -62,6 +63,14 @@ Kiln::String Uuid::stringValue() const {
   char buf[40];
   std::snprintf(buf, sizeof buf, "%s%08x%08x%08x%08x", namedPrefix, words_[0], words_[1], words_[2], words_[3]);
   return Kiln::String(buf);
+}
+
+void ringTapeArg(RingTape::Args& args, const Uuid& uuid) {
+  if (uuid.isNamed() && !uuid.isNull()) {
+    args << uuid.stringValue();
+  } else {
+    args.uuid(uuid.key());
+  }
 }
 
 std::size_t Uuid::hash() const noexcept {

@@ -23,6 +23,10 @@
 #include "Ipkit/TextValue.h"
 #include "Kiln/String.h"
 
+namespace RingTape {
+class Args;
+}
+
 namespace Vgw {
 
 class Uuid : public Ipkit::TextValue<Uuid> {
@@ -52,6 +56,9 @@ class Uuid : public Ipkit::TextValue<Uuid> {
  private:
   std::array<std::uint32_t, 4> words_{};
 };
+
+// A trace keeps a uuid as its four words, and its text reads as stringValue().
+void ringTapeArg(RingTape::Args& args, const Uuid& uuid);
 
 // A fresh random uuid (request identifiers).
 Uuid genUuid();

@@ -13,12 +13,14 @@
 
 #include "Kiln/Log.h"
 #include "Kiln/System.h"
+#include "RingTape/Args.h"
 
 namespace RingTape {
 namespace {
 
 constexpr char fileMagic[8] = {'R', 'I', 'N', 'G', 'T', 'A', 'P', 'E'};
-constexpr std::uint32_t fileVersion = 1;
+// Version 2 keeps messages as arguments in binary.
+constexpr std::uint32_t fileVersion = 2;
 constexpr std::uint32_t headerBytes = 4096;
 constexpr std::uint32_t slotBytes = 64;
 constexpr std::uint32_t recordMagic = 0x52544b31;  // "RTK1"
@@ -45,15 +47,22 @@ struct RecordHead {
   double time;
   std::uint32_t line;
   std::uint16_t slots;
-  std::uint16_t messageBytes;
+  std::uint16_t argBytes;
   std::uint8_t level;
   std::uint8_t handleBytes;
   std::uint8_t fileBytes;
-  std::uint8_t flags;
+  std::uint8_t flags;  // none defined yet
 };
 static_assert(sizeof(RecordHead) == 40);
 constexpr std::size_t checksumStart = offsetof(RecordHead, sequence);
-constexpr std::uint8_t flagTruncated = 1;
+// The encoded arguments of a record, whatever their text would show; a
+// region's records always fit a 16-bit size.
+constexpr std::size_t maxArgBytes = 4 * maxMessageLimit + 1024;
+
+std::size_t messageLimitOf(std::uint32_t maxMessageBytes, std::size_t regionBytes) {
+  const std::size_t room = sizeof(RecordHead) + 2 * maxNameBytes;
+  return regionBytes <= room ? 0 : std::min<std::size_t>(maxMessageBytes, regionBytes - room);
+}
 
 // FNV-1a over 8-byte words with a final mix; byte by byte it would cost
 // more than the rest of writing a record.
@@ -89,7 +98,9 @@ std::string systemError(const std::string& what, const std::string& path, int er
   return what + " " + path + ": " + std::strerror(error);
 }
 
-std::optional<Record> recordAt(const unsigned char* at, std::size_t slotsLeft, int level) {
+// The record at `at`, when one is there whole; *slots is how many it takes.
+std::optional<Record> recordAt(const unsigned char* at, std::size_t slotsLeft, int level, std::size_t messageLimit,
+                               std::size_t* slots) {
   RecordHead head;
   std::memcpy(&head, at, sizeof head);
   if (head.magic != recordMagic || head.slots == 0 || head.slots > slotsLeft ||
@@ -97,12 +108,13 @@ std::optional<Record> recordAt(const unsigned char* at, std::size_t slotsLeft, i
     return std::nullopt;
   }
   const std::size_t bytes =
-      sizeof head + std::size_t{head.handleBytes} + head.fileBytes + head.messageBytes;
+      sizeof head + std::size_t{head.handleBytes} + head.fileBytes + head.argBytes;
   if (slotsFor(bytes) != head.slots ||
       checksumOf(at + checksumStart, bytes - checksumStart) != head.checksum) {
     return std::nullopt;
   }
   const auto* text = reinterpret_cast<const char*>(at + sizeof head);
+  *slots = head.slots;
   Record record;
   record.sequence = head.sequence;
   record.time = head.time;
@@ -110,8 +122,9 @@ std::optional<Record> recordAt(const unsigned char* at, std::size_t slotsLeft, i
   record.handle.assign(text, head.handleBytes);
   record.file.assign(text + head.handleBytes, head.fileBytes);
   record.line = static_cast<int>(head.line);
-  record.message.assign(text + head.handleBytes + head.fileBytes, head.messageBytes);
-  record.truncated = (head.flags & flagTruncated) != 0;
+  record.message = formatArgs(std::string_view(text + head.handleBytes + head.fileBytes, head.argBytes));
+  record.truncated = record.message.size() > messageLimit;
+  if (record.truncated) record.message.resize(cutAt(record.message, messageLimit).size());
   return record;
 }
 
@@ -188,16 +201,23 @@ RingWriter::RingWriter(std::string path, unsigned char* base, std::size_t bytes,
 
 RingWriter::~RingWriter() { munmap(base_, bytes_); }
 
+std::size_t RingWriter::messageLimit(int level) const {
+  if (level < 0 || level >= levelCount) return 0;
+  return messageLimitOf(maxMessageBytes_, std::size_t{regions_[static_cast<std::size_t>(level)].slots} * slotBytes);
+}
+
 void RingWriter::append(int level, std::string_view handle, std::string_view file, int line,
-                        double time, std::string_view message) {
+                        double time, std::string_view args) {
   if (level < 0 || level >= levelCount) return;
   Region& region = regions_[static_cast<std::size_t>(level)];
   if (region.slots == 0) return;
   handle = cutAt(handle, maxNameBytes);
   file = cutAt(file, maxNameBytes);
-  const std::size_t messageLimit = std::min<std::size_t>(
-      maxMessageBytes_, std::size_t{region.slots} * slotBytes - sizeof(RecordHead) - 2 * maxNameBytes);
-  const std::string_view kept = cutAt(message, messageLimit);
+  // Args made for this level never come near this; arguments that would
+  // not fit the region or the head's size are not kept at all.
+  const std::size_t room = std::min(maxArgBytes, std::size_t{region.slots} * slotBytes - sizeof(RecordHead) -
+                                                     2 * maxNameBytes);
+  const std::string_view kept = args.size() <= room ? args : std::string_view();
   const std::size_t bytes = sizeof(RecordHead) + handle.size() + file.size() + kept.size();
 
   RecordHead head{};
@@ -205,11 +225,10 @@ void RingWriter::append(int level, std::string_view handle, std::string_view fil
   head.time = time;
   head.line = static_cast<std::uint32_t>(line);
   head.slots = static_cast<std::uint16_t>(slotsFor(bytes));
-  head.messageBytes = static_cast<std::uint16_t>(kept.size());
+  head.argBytes = static_cast<std::uint16_t>(kept.size());
   head.level = static_cast<std::uint8_t>(level);
   head.handleBytes = static_cast<std::uint8_t>(handle.size());
   head.fileBytes = static_cast<std::uint8_t>(file.size());
-  head.flags = kept.size() < message.size() ? flagTruncated : 0;
 
   if (region.next + head.slots > region.slots) region.next = 0;
   unsigned char* at = base_ + region.offset + std::size_t{region.next} * slotBytes;
@@ -268,17 +287,15 @@ std::optional<RingContents> readRingFile(const std::string& path, std::string* e
       return std::nullopt;
     }
     const std::size_t slots = bytes / slotBytes;
+    const std::size_t messageLimit = messageLimitOf(header.maxMessageBytes, bytes);
     for (std::size_t slot = 0; slot < slots;) {
       const unsigned char* at = file.data() + offset + slot * slotBytes;
+      std::size_t taken = 1;
       auto record = slot * slotBytes + sizeof(RecordHead) <= bytes
-                        ? recordAt(at, slots - slot, level)
+                        ? recordAt(at, slots - slot, level, messageLimit, &taken)
                         : std::nullopt;
-      if (!record) {
-        ++slot;
-        continue;
-      }
-      slot += slotsFor(sizeof(RecordHead) + record->handle.size() + record->file.size() +
-                       record->message.size());
+      slot += record ? taken : 1;
+      if (!record) continue;
       contents.records.push_back(std::move(*record));
     }
   }

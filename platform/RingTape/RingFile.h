@@ -13,7 +13,8 @@
 //     the offset and size of its region;
 //   regions, split into 64-byte slots. A record takes whole slots: a head
 //     (magic, checksum, sequence number, time, line, sizes, level) followed
-//     by the handle name, the file name and the message. A record never
+//     by the handle name, the file name and the message's arguments in the
+//     binary form of Args.h, which a reader turns into text. A record never
 //     wraps: one that does not fit before the end of the region starts again
 //     at slot 0.
 //
@@ -74,10 +75,15 @@ class RingWriter {
 
   const std::string& path() const { return path_; }
 
-  // Writes one record; a level without a region is skipped. Messages longer
-  // than the limit are cut at a character boundary and marked truncated.
+  // The longest text of a message of this level that a reader gets; 0 for
+  // a level without a region. Args made for the level keep no more.
+  std::size_t messageLimit(int level) const;
+
+  // Writes one record of arguments encoded by Args; a level without a
+  // region is skipped. A reader cuts a longer text at a character boundary
+  // and marks it truncated.
   void append(int level, std::string_view handle, std::string_view file, int line,
-              double time, std::string_view message);
+              double time, std::string_view args);
 
  private:
   RingWriter(std::string path, unsigned char* base, std::size_t bytes,

@@ -30,9 +30,9 @@ struct State {
   LevelSelection ringSelection;
   std::unique_ptr<RingWriter> ring;
   std::ostream* stream = nullptr;
-  // Text streams for Statement; the first `streamsInUse` are lent out.
-  std::vector<std::unique_ptr<std::ostringstream>> streams;
-  std::size_t streamsInUse = 0;
+  // Arguments for Statement; the first `argsInUse` are lent out.
+  std::vector<std::unique_ptr<Args>> args;
+  std::size_t argsInUse = 0;
 };
 
 // Never destroyed: handles of other units may trace and unregister during
@@ -51,11 +51,6 @@ std::ostream& traceStream() {
 }
 
 void warn(const std::string& text) { traceStream() << "ringtape: " << text << std::endl; }
-
-const char* baseName(const char* path) {
-  const char* slash = std::strrchr(path, '/');
-  return slash ? slash + 1 : path;
-}
 
 LevelSelection selectionFromEnvironment(const char* variable, const char* defaultText) {
   std::string error;
@@ -106,47 +101,52 @@ void Handle::levelsAre(LevelMask stream, LevelMask ring, bool ringOpen) {
 
 namespace {
 
-std::ostringstream& borrowStream() {
+Args& borrowArgs() {
   State& s = state();
-  if (s.streamsInUse == s.streams.size()) {
-    s.streams.push_back(std::make_unique<std::ostringstream>());
-  }
-  return *s.streams[s.streamsInUse++];
+  if (s.argsInUse == s.args.size()) s.args.push_back(std::make_unique<Args>());
+  return *s.args[s.argsInUse++];
 }
 
 }  // namespace
 
-Statement::Statement(const Handle& handle, int level, const char* file, int line,
-                     unsigned tapes)
+Statement::Statement(const Handle& handle, int level, const char* file, int line, unsigned tapes)
     : handle_(handle),
       level_(level),
       file_(file),
       line_(line),
       tapes_(tapes),
-      text_(borrowStream()) {}
+      toStream_((tapes & streamTape) && handle.streamEnabled(level)),
+      args_(borrowArgs()) {
+  // Only the ring's part of the text is kept, unless the stream takes it all.
+  const State& s = state();
+  const bool toRing = (tapes & ringTape) && handle.ringEnabled(level) && s.ring;
+  args_.reset(toStream_ || !toRing ? Args::unlimited : s.ring->messageLimit(level));
+}
 
 Statement::~Statement() {
-  text_.str(std::string());
-  text_.clear();
-  text_.flags(std::ios_base::dec | std::ios_base::skipws);
-  text_.precision(6);
-  text_.width(0);
-  text_.fill(' ');
-  --state().streamsInUse;
+  args_.trim();
+  --state().argsInUse;
 }
 
 void Statement::emit() {
-  const std::string_view message = text_.view();
-  const char* file = baseName(file_);
-  if ((tapes_ & streamTape) && handle_.streamEnabled(level_)) {
-    const std::string line =
-        traceLine(Kiln::wallTimeNow(), handle_.name(), level_, file, line_, message);
-    traceStream().write(line.data(), static_cast<std::streamsize>(line.size())).flush();
-  }
   State& s = state();
-  if ((tapes_ & ringTape) && handle_.ringEnabled(level_) && s.ring) {
-    s.ring->append(level_, handle_.name(), file, line_, Kiln::System::currentTime(), message);
+  const bool toRing = (tapes_ & ringTape) && handle_.ringEnabled(level_) && s.ring;
+  if (toStream_) {
+    const std::string message = formatArgs(args_.bytes());
+    const std::string line = traceLine(Kiln::wallTimeNow(), handle_.name(), level_, file_, line_, message);
+    traceStream().write(line.data(), static_cast<std::streamsize>(line.size())).flush();
+    if (toRing) {
+      // The stream took all of it; the ring keeps its part, as text.
+      Args& kept = borrowArgs();
+      kept.reset(s.ring->messageLimit(level_));
+      kept << message;
+      s.ring->append(level_, handle_.name(), file_, line_, Kiln::System::currentTime(), kept.bytes());
+      kept.trim();
+      --s.argsInUse;
+    }
+    return;
   }
+  if (toRing) s.ring->append(level_, handle_.name(), file_, line_, Kiln::System::currentTime(), args_.bytes());
 }
 
 BlockTimer::BlockTimer(const Handle& handle, int level, const char* label, const char* file,
@@ -164,9 +164,8 @@ BlockTimer::BlockTimer(const Handle& handle, int level, const char* label, const
 BlockTimer::~BlockTimer() {
   if (!running_) return;
   const double milliseconds = (Kiln::System::currentTime() - start_) * 1e3;
-  Statement statement(handle_, level_, file_, line_, bothTapes);
-  statement.stream() << label_ << " took " << std::fixed << std::setprecision(3) << milliseconds
-                     << " ms";
+  Statement statement(handle_, level_, fileBaseName(file_), line_, bothTapes);
+  statement.args() << label_ << " took " << std::fixed << std::setprecision(3) << milliseconds << " ms";
   statement.emit();
 }
 
@@ -231,8 +230,11 @@ void streamIs(std::ostream* stream) { state().stream = stream; }
 void recordAssertion(const char* text, const char* file, int line) {
   State& s = state();
   if (!s.ring) return;
-  s.ring->append(0, "Assert", baseName(file ? file : ""), line, Kiln::System::currentTime(),
-                 text ? text : "");
+  Args& args = borrowArgs();
+  args.reset(s.ring->messageLimit(0));
+  args << text;
+  s.ring->append(0, "Assert", fileBaseName(file ? file : ""), line, Kiln::System::currentTime(), args.bytes());
+  --s.argsInUse;
 }
 
 }  // namespace RingTape

@@ -24,6 +24,10 @@
 // is open; otherwise the statement costs one load and one branch. The
 // message is stored as given: trace words with leading blanks keep them.
 //
+// The stream expression goes into a RingTape::Args (Args.h), which the ring
+// keeps in binary: a trace costs no formatting unless the trace stream takes
+// it, and keeps no more than the ring shows of it.
+//
 // Level selection, read from the environment at start-up (and again by
 // reloadLevels), in the syntax of Levels.h:
 //   VGW_TRACE             levels written to the trace stream; unset: none.
@@ -38,9 +42,9 @@
 
 #include <cstdint>
 #include <iosfwd>
-#include <sstream>
 #include <string>
 
+#include "RingTape/Args.h"
 #include "RingTape/Levels.h"
 #include "RingTape/RingFile.h"
 
@@ -82,18 +86,18 @@ class Handle {
 
 enum Tapes : unsigned { streamTape = 1, ringTape = 2, bothTapes = 3 };
 
-// One trace on its way: collects the text, then writes it to the tapes
-// asked for that are enabled for the level. The text stream is borrowed
-// from a pool and handed back with default formatting at the end, since
-// building a stream costs more than the rest of a trace; a trace inside the
-// stream expression of another borrows a stream of its own.
+// One trace on its way: collects the arguments, then writes them to the
+// tapes asked for that are enabled for the level. The Args are borrowed
+// from a pool, so that their buffers are made once; a trace inside the
+// stream expression of another borrows Args of its own. `file` is the base
+// name of the source file.
 class Statement {
  public:
   Statement(const Handle& handle, int level, const char* file, int line, unsigned tapes);
   ~Statement();
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
-  std::ostream& stream() { return text_; }
+  Args& args() { return args_; }
   void emit();
 
  private:
@@ -102,8 +106,18 @@ class Statement {
   const char* file_;
   int line_;
   unsigned tapes_;
-  std::ostringstream& text_;
+  bool toStream_;
+  Args& args_;
 };
+
+// The file name of a path, for __FILE__ at compile time.
+constexpr const char* fileBaseName(const char* path) {
+  const char* base = path;
+  for (const char* at = path; *at; ++at) {
+    if (*at == '/') base = at + 1;
+  }
+  return base;
+}
 
 // Traces "<label> took <milliseconds> ms" when the scope ends, measured on
 // Kiln::System::currentTime(). Nothing is measured when the level is off at
@@ -187,15 +201,16 @@ void recordAssertion(const char* text, const char* file, int line);
 #define RINGTAPE_LEVEL_CHECK_(level) \
   static_assert((level) >= 0 && (level) < ::RingTape::levelCount, "trace levels run 0 to 9")
 
-#define RINGTAPE_TRACE_(level, tapes, enabledTest, ...)                                     \
-  do {                                                                                     \
-    RINGTAPE_LEVEL_CHECK_(level);                                                          \
-    if (ringTapeHandle_.enabledTest(level)) [[unlikely]] {                                 \
-      ::RingTape::Statement ringTapeStatement_(ringTapeHandle_, (level), __FILE__, __LINE__, \
-                                               (tapes));                                   \
-      ringTapeStatement_.stream() << __VA_ARGS__;                                          \
-      ringTapeStatement_.emit();                                                           \
-    }                                                                                      \
+#define RINGTAPE_TRACE_(level, tapes, enabledTest, ...)                                       \
+  do {                                                                                       \
+    RINGTAPE_LEVEL_CHECK_(level);                                                            \
+    if (ringTapeHandle_.enabledTest(level)) [[unlikely]] {                                   \
+      static constexpr const char* ringTapeFile_ = ::RingTape::fileBaseName(__FILE__);       \
+      ::RingTape::Statement ringTapeStatement_(ringTapeHandle_, (level), ringTapeFile_, __LINE__, \
+                                               (tapes));                                     \
+      ringTapeStatement_.args() << __VA_ARGS__;                                              \
+      ringTapeStatement_.emit();                                                             \
+    }                                                                                        \
   } while (false)
 
 // The stream expression may hold commas (template arguments).

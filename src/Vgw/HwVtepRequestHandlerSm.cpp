@@ -55,6 +55,20 @@ std::string render(const json* j) {
   return text.get();
 }
 
+// The text of a monitor reply that the session status keeps: the whole
+// contents of a large database would cost their size in memory for as long
+// as the session lasts, and in rendering on every reconnect.
+constexpr std::size_t recordedReplyBytes = 4096;
+
+std::string recordedText(const json* result) {
+  std::string text = jsonText(result, recordedReplyBytes + 1);
+  if (text.size() <= recordedReplyBytes) return text;
+  std::size_t cut = recordedReplyBytes - 3;
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xc0) == 0x80) --cut;
+  text.resize(cut);
+  return text + "...";
+}
+
 const json* member(const json* object, const char* name) {
   if (!object || object->type != JSON_OBJECT) return nullptr;
   return static_cast<const json*>(shash_find_data(json_object(object), name));
@@ -531,10 +545,10 @@ void HwVtepRequestHandlerSm::handleFileDescriptor() {
       monitorReplyDeadlineIs(Kiln::plusInfinity);
       lastMessageTimes_ = MonitorMessageTimes{.received = received};
       const json* result = ovsc_jsonrpc_msg_result(message.get());
-      const std::string text = render(result);
-      VGW_TRACE(6, "Monitor reply:\n" << text);
+      VGW_TRACE(6, "Monitor reply:\n" << TracedJson{result});
       if (handleMonitorNotification(result, request)) {
-        updateOvsdbRequestResult(sessionStatus_, SessionState::stateConnected, OvsdbRequestType::monitor, text);
+        updateOvsdbRequestResult(sessionStatus_, SessionState::stateConnected, OvsdbRequestType::monitor,
+                                 recordedText(result));
       } else {
         updateOvsdbRequestResult(sessionStatus_, SessionState::stateDisconnected, OvsdbRequestType::monitor,
                                  "Monitor update introduced an inconsistent state.");
@@ -548,7 +562,7 @@ void HwVtepRequestHandlerSm::handleFileDescriptor() {
       const json* params = ovsc_jsonrpc_msg_params(message.get());
       if (params && params->type == JSON_ARRAY && json_array(params)->n == 2) {
         lastMessageTimes_ = MonitorMessageTimes{.received = received};
-        VGW_TRACE(6, "Monitor update:\n" << render(params));
+        VGW_TRACE(6, "Monitor update:\n" << TracedJson{params});
         if (!handleMonitorNotification(json_array(params)->elems[1], request)) {
           updateOvsdbRequestResult(sessionStatus_, SessionState::stateDisconnected, OvsdbRequestType::monitor,
                                    "Transaction update introduced an inconsistent state.");

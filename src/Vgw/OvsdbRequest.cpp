@@ -11,6 +11,7 @@
 
 #include "Kiln/Assert.h"
 #include "RingTape/RingTape.h"
+#include "Vgw/VgwUtils.h"
 #include "Vgw/LocalTypes.h"
 #include "Vgw/OvsdbTableOps.h"
 #include "Vgw/VgwUtils.h"
@@ -251,7 +252,7 @@ bool OvsdbTransactRequest::processResult(const json& result) {
     VGW_TRACE(0, "json transact size does not match");
     VGW_TRACE(0, "array->n: " << array->n << " i: " << ops.size());
     VGW_TRACE(0, "Request: \n" << jsonMsg());
-    VGW_TRACE(0, "Reply: \n" << render(&result));
+    VGW_TRACE(0, "Reply: \n" << TracedJson{&result});
     return false;
   }
 

@@ -11,6 +11,7 @@
 #include "Kiln/Assert.h"
 #include "Kiln/Exception.h"
 #include "RingTape/RingTape.h"
+#include "RingTape/Args.h"
 #include "Vgw/LocalTypes.h"
 
 RINGTAPE_HANDLE("VgwUtils");
@@ -254,6 +255,20 @@ void traceRow(const Row& row) {
   VGW_TRACE(6, "Unmarshal " << ovsdbTableName(row.type()) << " " << row.uuid() << ": " << row.toJson().dump());
 }
 
+// The remote MAC rows come by the hundred thousand: their JSON text, keys
+// in order, is traced from its parts, which the ring keeps in binary.
+void traceRow(const UcastMacsRemote& row) {
+  VGW_TRACE(6, "Unmarshal " << ovsdbTableName(row.type()) << " " << row.uuid() << ": {\"ipAddr\":\"" << row.ipAddr()
+                            << "\",\"logicalSwitch\":\"" << row.logicalSwitch() << "\",\"mac\":\"" << row.mac()
+                            << "\",\"physicalLocator\":\"" << row.physicalLocator() << "\"}");
+}
+
+void traceRow(const McastMacsRemote& row) {
+  VGW_TRACE(6, "Unmarshal " << ovsdbTableName(row.type()) << " " << row.uuid() << ": {\"ipAddr\":\"" << row.ipAddr()
+                            << "\",\"logicalSwitch\":\"" << row.logicalSwitch() << "\",\"mac\":\"" << row.mac()
+                            << "\",\"physicalLocatorSet\":\"" << row.physicalLocatorSet() << "\"}");
+}
+
 // ---- marshalling --------------------------------------------------------------
 
 json* jsonString(std::string_view text) { return json_string_create(std::string(text).c_str()); }
@@ -391,6 +406,61 @@ bool isMlag(std::string_view name) {
 Kiln::String mlagSwitchName(std::string_view name) { return Kiln::String("mlag-" + std::string(name)); }
 
 bool isIgnoreColumn(std::string_view column) { return column == "_uuid" || column == "_version"; }
+
+namespace {
+
+// Appends the text of `value` to `out` until `out` holds `limit` bytes. The
+// library writes the members of an object in the order of its hash map, as
+// this walk does; leaves are written by the library itself.
+void appendJson(std::string& out, const json* value, std::size_t limit) {
+  if (out.size() >= limit) return;
+  const auto leaf = [&](const json* j) {
+    const Ovs::CString text(json_to_string(j, 0));
+    out += text.get();
+  };
+  switch (value->type) {
+    case JSON_ARRAY: {
+      out += '[';
+      const struct json_array* array = json_array(value);
+      for (std::size_t i = 0; i < array->n && out.size() < limit; ++i) {
+        if (i) out += ',';
+        appendJson(out, array->elems[i], limit);
+      }
+      // A value cut short stays open: what is written is always a beginning.
+      if (out.size() < limit) out += ']';
+      return;
+    }
+    case JSON_OBJECT: {
+      out += '{';
+      const shash* members = json_object(value);
+      for (const shash_node* node = shash_first(members); node && out.size() < limit;
+           node = nextMember(members, node)) {
+        if (node != shash_first(members)) out += ',';
+        const Ovs::JsonPtr key(json_string_create(node->name));
+        leaf(key.get());
+        out += ':';
+        appendJson(out, static_cast<const json*>(node->data), limit);
+      }
+      if (out.size() < limit) out += '}';
+      return;
+    }
+    default: leaf(value); return;
+  }
+}
+
+}  // namespace
+
+std::string jsonText(const json* value, std::size_t limit) {
+  std::string out;
+  if (value) appendJson(out, value, limit);
+  return out;
+}
+
+void ringTapeArg(RingTape::Args& args, const TracedJson& value) {
+  args.boundedText([&](std::string& out, std::size_t wanted) {
+    if (value.value) appendJson(out, value.value, wanted);
+  });
+}
 
 bool isJsonError(const json& element) {
   if (element.type != JSON_OBJECT) return false;

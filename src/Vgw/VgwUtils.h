@@ -44,6 +44,10 @@
 
 struct ds;
 
+namespace RingTape {
+class Args;
+}
+
 namespace Vgw {
 
 // ---- values ----------------------------------------------------------------
@@ -84,6 +88,16 @@ Kiln::String mlagSwitchName(std::string_view name);
 bool isIgnoreColumn(std::string_view column);
 // Whether a reply element is an error object; traces the error when it is.
 bool isJsonError(const json& element);
+
+// The text of a JSON value as json_to_string(value, 0) writes it, or at
+// least its first `limit` bytes: a large value is rendered only as far as
+// a reader will see it.
+std::string jsonText(const json* value, std::size_t limit = std::string::npos);
+// A JSON value in a trace, rendered as far as the trace keeps it.
+struct TracedJson {
+  const json* value;
+};
+void ringTapeArg(RingTape::Args& args, const TracedJson& value);
 
 // ---- conditions ------------------------------------------------------------
 

@@ -1,14 +1,19 @@
 // The trace facility: which traces go where (level specifications and the
 // variables that give them), the stream line, evaluation only when a trace
-// goes somewhere, the block timer; and the ring file: records read back in
-// order, full regions, cuts, damage, earlier and old tapes, the dump tool.
+// goes somewhere, the block timer; arguments kept in binary and read back as
+// a std::ostream would have written them, and cut where the ring stops
+// showing them; and the ring file: records read back in order, full
+// regions, cuts, damage, earlier and old tapes, the dump tool.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <cstdio>
+#include <iomanip>
+#include <limits>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -18,6 +23,8 @@
 #include <utility>
 #include <vector>
 
+#include "Ipkit/EthAddr.h"
+#include "Ipkit/IpGenAddr.h"
 #include "Kiln/String.h"
 #include "Kiln/System.h"
 #include "RingTape/Levels.h"
@@ -208,6 +215,88 @@ TEST_F(Trace, StreamLinesCarryHandleLevelAndPlaceAndNeitherNestedTracesNorFormat
   EXPECT_TRUE(lines[0].ends_with(" describing 10")) << lines[0];
   EXPECT_TRUE(lines[1].ends_with(" ff described 10 10")) << lines[1];
   EXPECT_TRUE(lines[2].ends_with(" 255 0.333333")) << lines[2];
+}
+
+// Text through Args, and through a std::ostream, of the same statement.
+struct Both {
+  explicit Both(std::size_t limit = RingTape::Args::unlimited) { args.reset(limit); }
+  template <class T>
+  Both& operator<<(const T& value) {
+    args << value;
+    stream << value;
+    return *this;
+  }
+  std::string kept() const { return RingTape::formatArgs(args.bytes()); }
+  RingTape::Args args;
+  std::ostringstream stream;
+};
+
+enum class Colour { red, green };
+std::ostream& operator<<(std::ostream& os, Colour c) { return os << (c == Colour::red ? "red" : "green"); }
+
+struct Pair {
+  std::uint32_t high;
+  std::uint32_t low;
+};
+// A type that writes itself in parts, and has no std::ostream form.
+void ringTapeArg(RingTape::Args& args, const Pair& p) { args << p.high << ':' << p.low; }
+
+TEST(TraceArgs, EveryKindOfValueReadsAsAStreamWritesIt) {
+  const auto ip = [](const char* text) { return Ipkit::IpGenAddr::parse(text); };
+  Both both;
+  both << "text " << std::string("string ") << Kiln::String("kiln ") << std::string_view("view ") << 'c' << ' '
+       << static_cast<unsigned char>('u') << ' ' << true << false << ' ' << 0 << ' ' << -1 << ' '
+       << std::numeric_limits<std::int64_t>::min() << ' ' << std::numeric_limits<std::uint64_t>::max() << ' '
+       << static_cast<short>(-300) << ' ' << 1.0 / 3 << ' ' << 2.5f << ' ' << 1e300 << ' '
+       << Ipkit::EthAddr::parse("00:1c:73:ab:cd:ef") << ' ' << ip("10.0.0.1") << ' ' << ip("2001:db8::1") << ' '
+       << ip("::") << " [" << Ipkit::IpGenAddr() << "] " << Colour::green << ' ' << std::pair<int, int>(4, 2).first;
+  EXPECT_EQ(both.kept(), both.stream.str());
+  EXPECT_FALSE(both.args.cut());
+
+  // Formatting changed on the way holds for what follows, as on a stream.
+  Both formatted;
+  formatted << 255 << ' ' << std::hex << 255 << ' ' << Ipkit::EthAddr::parse("00:00:00:00:00:01") << ' ' << 16
+            << std::dec << ' ' << std::setprecision(3) << 3.14159 << ' ' << std::setw(5) << 7 << '|';
+  EXPECT_EQ(formatted.kept(), formatted.stream.str());
+
+  RingTape::Args parts;
+  parts.reset(RingTape::Args::unlimited);
+  parts << "pair " << Pair{3, 4} << std::hex << ' ' << Pair{10, 11};
+  EXPECT_EQ(RingTape::formatArgs(parts.bytes()), "pair 3:4 a:b");
+  EXPECT_EQ(RingTape::formatArgs("\x01\x05"), " [unreadable]");
+}
+
+TEST(TraceArgs, WhatTheLimitCannotShowIsNotKeptAndTheCutIsSeen) {
+  const std::string big(10000, 'x');
+  const auto ip = Ipkit::IpGenAddr::parse("192.168.100.200");
+  const std::size_t limits[] = {0, 1, 5, 16, 17, 40};
+  for (const std::size_t limit : limits) {
+    Both both(limit);
+    both << "ab" << ip << 12345 << big << ip;
+    const std::string full = both.stream.str();
+    const std::string kept = both.kept();
+    // A reader gets the first `limit` bytes, and sees that there was more.
+    ASSERT_GT(kept.size(), limit) << limit;
+    EXPECT_EQ(kept.substr(0, limit), full.substr(0, limit)) << limit;
+    EXPECT_LT(both.args.bytes().size(), limit + 64) << limit;
+    EXPECT_TRUE(both.args.cut()) << limit;
+  }
+  Both fits(40);
+  fits << "ab" << ip << 12345;
+  EXPECT_EQ(fits.kept(), fits.stream.str());
+  EXPECT_FALSE(fits.args.cut());
+
+  // A costly text is made only as far as it is kept.
+  RingTape::Args bounded;
+  bounded.reset(100);
+  std::size_t asked = 0;
+  bounded << "head ";
+  bounded.boundedText([&](std::string& out, std::size_t wanted) {
+    asked = wanted;
+    out.append(std::min<std::size_t>(wanted, big.size()), 'y');
+  });
+  EXPECT_EQ(asked, 96u);
+  EXPECT_EQ(RingTape::formatArgs(bounded.bytes()), "head " + std::string(96, 'y'));
 }
 
 TEST_F(Trace, BlockTimerTracesElapsedTimeAtScopeEnd) {

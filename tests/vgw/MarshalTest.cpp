@@ -1,7 +1,8 @@
 // Rows between the mirror and the database's JSON: what the server holds
 // reads into the mirror and, for the tables the agent writes, marshals back
 // to the same values; reconciliation in place; the schema contract; bad
-// values; the locator lookups the writers share.
+// values; the locator lookups the writers share; JSON text rendered only as
+// far as it is read.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -287,6 +288,36 @@ TEST(VgwValues, BadAddressesReadAsNoneWithATraceAndErrorRepliesAreTraced) {
                              "Json Error found : constraint violationdetails = duplicate name",
                              "Json Error found : I/O error, Broken pipe"}) {
     EXPECT_TRUE(trace.contains(traced)) << traced << " in " << trace.text();
+  }
+}
+
+TEST(VgwJsonText, IsTheLibrarysTextOrItsBeginning) {
+  // Escapes, numbers of both kinds, nesting, and an object large enough that
+  // its members come in the order of a grown hash map.
+  std::string big = R"({"rows": {)";
+  for (int i = 0; i < 300; ++i) {
+    big += (i ? "," : "") + std::string("\"") + std::to_string(i * 7919) + R"(": {"new": {"MAC": "00:00:00:00:00:)" +
+           std::to_string(i % 10) + R"(", "n": )" + std::to_string(i - 150) + "}}";
+  }
+  big += "}}";
+  const std::string texts[] = {
+      R"(null)", R"([])", R"({})", R"("a\"b\\c\n\t\u0001é/")", R"([1, -2.5, 1e300, 0.1, true, false, null])",
+      R"({"a": [1, {"b": {}}], "c": "d", "": ""})", R"(["update", {"Ucast_Macs_Remote": {"x": {"old": {}}}}])", big};
+  for (const std::string& text : texts) {
+    const Ovs::JsonPtr j = parseJson(text);
+    ASSERT_TRUE(j) << text;
+    const Ovs::CString library(json_to_string(j.get(), 0));
+    const std::string full = library.get();
+    EXPECT_EQ(jsonText(j.get()), full) << text;
+    for (std::size_t limit : {std::size_t{0}, std::size_t{1}, std::size_t{7}, std::size_t{40}, full.size() / 2}) {
+      const std::string part = jsonText(j.get(), limit);
+      EXPECT_GE(part.size(), std::min(limit, full.size())) << text << " at " << limit;
+      EXPECT_TRUE(full.starts_with(part)) << part;
+      // Not the whole of a large value.
+      if (full.size() > 1000) {
+        EXPECT_LT(part.size(), limit + 200) << limit;
+      }
+    }
   }
 }
 

@@ -150,7 +150,7 @@ TEST_F(VgwTraceTexts, ABurstLeavesTheTextsItAlwaysLeft) {
     snapshot["Physical_Locator"][S(10 + v)] = {
         {"new", {{"encapsulation_type", "vxlan_over_ipv4"}, {"dst_ip", vteps[v]}}}};
   }
-  snapshot["Physical_Locator_Set"][S(20)] = {{"new", {{"locators", {"set", {ref(10), ref(11)}}}}}};
+  snapshot["Physical_Locator_Set"][S(20)] = {{"new", {{"locators", Json::array({"set", Json::array({ref(10), ref(11)})})}}}};
   snapshot["Mcast_Macs_Remote"][S(30)] = {
       {"new", {{"MAC", "unknown-dst"}, {"logical_switch", ref(1)}, {"locator_set", ref(20)}}}};
   snapshot["Arp_Sources_Remote"][S(40)] = {{"new", {{"src_mac", "00:00:00:00:aa:01"}, {"locator", ref(11)}}}};
@@ -181,7 +181,7 @@ TEST_F(VgwTraceTexts, ABurstLeavesTheTextsItAlwaysLeft) {
   // Rows of other tables in the message mean a full reconciliation; a
   // multicast row changes its set, the ARP source goes.
   const Json others = {
-      {"Physical_Locator_Set", {{S(21), {{"new", {{"locators", {"set", {ref(10)}}}}}}}}},
+      {"Physical_Locator_Set", {{S(21), {{"new", {{"locators", Json::array({"set", Json::array({ref(10)})})}}}}}}},
       {"Mcast_Macs_Remote",
        {{S(30),
          {{"new", {{"MAC", "unknown-dst"}, {"logical_switch", ref(1)}, {"locator_set", ref(21)}}},

@@ -6,15 +6,16 @@
 // database and the store as they are: the next start takes over from there.
 // Exit status: 0 after a stop by signal, 1 when the agent cannot be started
 // (the control socket cannot be set up), 2 on a bad argument or
-// configuration file. The usage text below is the command's manual.
+// configuration file. The command line is declared once, in
+// defineCommandLine(); --help and the manual page are made from it.
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <string>
-#include <string_view>
 
 #include "AgentConfig.h"
 #include "AgentSummary.h"
+#include "CommandLine.h"
 #include "Hearth/AgentRunner.h"
 #include "Kiln/Log.h"
 #include "Ledger/ControlServer.h"
@@ -22,78 +23,58 @@
 
 namespace {
 
-constexpr const char* usageText = R"(usage: vgw-agent --config FILE [--socket PATH]
-Runs the vgw agent: presents the VXLAN fabric to the network virtualization
-controller through the hardware_vtep database named in FILE.
+constexpr const char* description =
+    "Runs the vgw agent: presents the VXLAN fabric to the network virtualization\n"
+    "controller through the hardware_vtep database named in the configuration.\n";
 
-Options:
-  --config FILE   the configuration: a JSON object from state-store path to
-                  entity, for example
-                    {"vgw/config": {"ovsdbSocketPath": "/run/openvswitch/db.sock"},
-                     "vgw/cliconfig": {"enableAgent": true,
-                                       "managerAddress": {"ssl:192.0.2.10:6640": true}},
-                     "fleet/cluster/statusDir": {"status": {"default": {}}}}
-                  (see examples/single-node.json for a complete one)
-  --socket PATH   the control socket for vgwctl (default: $VGW_SOCKET, else
-                  /run/vgw/vgw-agent.sock)
-  --log-catalogue print every message the agent may log, with its
-                  explanation and recommended action, and exit
-  --help, --version
+constexpr const char* footer = R"(The configuration is a JSON object from state-store path to entity, for
+example
+  {"vgw/config": {"ovsdbSocketPath": "/run/openvswitch/db.sock"},
+   "vgw/cliconfig": {"enableAgent": true,
+                     "managerAddress": {"ssl:192.0.2.10:6640": true}},
+   "fleet/cluster/statusDir": {"status": {"default": {}}}}
+(/etc/vgw/vgw-agent.json as installed, or examples/single-node.json in the
+source tree, is a complete one).
 
 The agent runs until SIGTERM or SIGINT and leaves the database as it is.
 Environment: RINGTAPE_DISABLE, RINGTAPEDIR and VGW_TAPELOCK_FILEPATH control
 the ring trace and its lock file; VGW_TRACE and VGW_RINGTAPE_LEVELS select
-trace levels.
+trace levels; VGW_SOCKET is the default control socket.
 
 Exit status: 0 stopped by a signal; 1 the control socket cannot be set up;
 2 a bad argument or configuration file.
 )";
 
-constexpr int exitOk = 0;
+constexpr int exitOk = VgwCommandLine::exitOk;
 constexpr int exitStartFailed = 1;
-constexpr int exitUsage = 2;
+constexpr int exitUsage = VgwCommandLine::exitUsage;
 
 struct Options {
   std::string config;
   std::string socket = Ledger::controlSocketPath();
 };
 
-struct UsageError {
-  std::string message;
-};
-
-Options parseOptions(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    const std::size_t equals = arg.find('=');
-    const std::string_view name = arg.substr(0, equals);
-    auto valueOf = [&]() -> std::string {
-      if (equals != std::string_view::npos) return std::string(arg.substr(equals + 1));
-      if (i + 1 >= argc) throw UsageError{std::string(name) + " needs a value"};
-      return argv[++i];
-    };
-    if (arg == "--help" || arg == "-h") {
-      std::cout << usageText;
-      std::exit(exitOk);
-    } else if (arg == "--log-catalogue") {
-      Kiln::printLogCatalogue(std::cout);
-      std::exit(exitOk);
-    } else if (arg == "--version") {
-      std::cout << "vgw-agent " << VGW_VERSION << '\n';
-      std::exit(exitOk);
-    } else if (name == "--config") {
-      options.config = valueOf();
-      if (options.config.empty()) throw UsageError{"--config needs a file"};
-    } else if (name == "--socket") {
-      options.socket = valueOf();
-      if (options.socket.empty()) throw UsageError{"--socket needs a path"};
-    } else {
-      throw UsageError{"unexpected argument " + std::string(arg)};
-    }
-  }
-  if (options.config.empty()) throw UsageError{"--config FILE is required"};
-  return options;
+void defineCommandLine(CLI::App& app, Options& options) {
+  VgwCommandLine::prepare(app, VGW_VERSION);
+  app.add_option("--config", options.config, "the configuration file")
+      ->type_name("FILE")
+      ->required()
+      ->check(VgwCommandLine::nonEmpty);
+  app.add_option("--socket", options.socket,
+                 "the control socket for vgwctl (default: $VGW_SOCKET, else " +
+                     std::string(Ledger::defaultControlSocketPath) + ")")
+      ->type_name("SOCKET")
+      ->check(VgwCommandLine::nonEmpty);
+  // Answered as soon as it is seen, without a configuration.
+  app.add_flag_callback(
+         "--log-catalogue",
+         [] {
+           Kiln::printLogCatalogue(std::cout);
+           throw CLI::Success();
+         },
+         "print every message the agent may log, with its explanation and recommended action, and exit")
+      ->trigger_on_parse();
+  app.footer(footer);
 }
 
 int run(const Options& options) {
@@ -125,13 +106,10 @@ int run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  CLI::App app(description, "vgw-agent");
   Options options;
-  try {
-    options = parseOptions(argc, argv);
-  } catch (const UsageError& e) {
-    std::cerr << "vgw-agent: " << e.message << "\nTry 'vgw-agent --help'.\n";
-    return exitUsage;
-  }
+  defineCommandLine(app, options);
+  if (const auto status = VgwCommandLine::parse(app, argc, argv)) return *status;
   try {
     return run(options);
   } catch (const std::exception& e) {

@@ -5,7 +5,8 @@
 // standard output, messages on standard error. Exit status: 0 when the
 // command was carried out, 1 when the agent refused it or stopped answering,
 // 2 on a usage error, input that cannot be read, or a socket that cannot be
-// reached. The usage text below is the command's manual.
+// reached. The command line is declared once, in defineCommandLine(): its
+// --help, its manual page and its bash completion are made from there.
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -24,6 +26,8 @@
 #include <string_view>
 #include <vector>
 
+#include "BashCompletion.h"
+#include "CommandLine.h"
 #include "Kiln/Json.h"
 #include "Ledger/ControlServer.h"
 
@@ -31,44 +35,9 @@ namespace {
 
 using Kiln::Json;
 
-constexpr const char* usageText = R"(usage: vgwctl [OPTIONS] COMMAND [ARGS]
-Reads, writes and watches the state store of a running vgw-agent.
-
-Commands:
-  get [PATH]         print the JSON at PATH, the whole store when PATH is left
-                     out (pretty; --compact prints one line)
-  set PATH VALUE     replace the entity, attribute or member at PATH
-  del PATH           remove the entry, member or child at PATH
-  load FILE          apply a configuration document: an object from path to
-                     entity JSON ("-" reads standard input)
-  list [PATH]        print the names below PATH, one per line
-  watch [PATH]       print "PATH VALUE" for every change at or below PATH,
-                     one line each, until interrupted
-  show               print the agent's summary as a table (--json: the object)
-
-VALUE is JSON text. For convenience a bare word is taken as a string when it
-is not valid JSON and holds no white space and none of  " ' , { } [ ]  so
-10.0.0.1, 00:1c:73:00:00:01, ssl:10.0.0.1:6640 and /run/db.sock are strings.
-Quote what would read as JSON otherwise: '"123"', '"true"'.
-
-A path is names separated by '/'; a '/' or '%' inside a name is written %2F
-or %25 (Ethernet1%2F1).
-
-Options:
-  --socket PATH      the agent's control socket (default: $VGW_SOCKET, else
-                     /run/vgw/vgw-agent.sock)
-  --timeout SECONDS  how long to wait for an answer (default 30; 0: no limit)
-  --compact          get: print the JSON on one line
-  --json             show: print the raw JSON object
-  --help, --version
-
-Exit status: 0 done; 1 the agent refused or did not answer; 2 usage errors,
-unreadable input, or a socket that cannot be reached.
-)";
-
-constexpr int exitOk = 0;
+constexpr int exitOk = VgwCommandLine::exitOk;
 constexpr int exitRefused = 1;
-constexpr int exitUsage = 2;
+constexpr int exitUsage = VgwCommandLine::exitUsage;
 // Longest value in a `show` table cell, in characters.
 constexpr std::size_t cellWidth = 64;
 
@@ -85,59 +54,16 @@ struct Failure {
 struct Options {
   std::string socket = Ledger::controlSocketPath();
   double timeout = 30.0;
+  std::string command;
+  std::string path;  // also load's FILE
+  std::string value;
   bool compact = false;
   bool json = false;
-  std::vector<std::string> words;  // the command and its arguments
+  // --compact and --json given before the command, where they were always
+  // accepted; they must still fit the command that follows.
+  bool compactBefore = false;
+  bool jsonBefore = false;
 };
-
-bool isOption(std::string_view arg) {
-  // "-" is standard input, "-5" a negative number.
-  return arg.size() > 1 && arg[0] == '-' && !(arg[1] >= '0' && arg[1] <= '9');
-}
-
-Options parseOptions(int argc, char** argv) {
-  Options options;
-  bool optionsEnded = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    if (optionsEnded || !isOption(arg)) {
-      options.words.emplace_back(arg);
-      continue;
-    }
-    const std::size_t equals = arg.find('=');
-    const std::string_view name = arg.substr(0, equals);
-    auto valueOf = [&]() -> std::string {
-      if (equals != std::string_view::npos) return std::string(arg.substr(equals + 1));
-      if (i + 1 >= argc) usageError(std::string(name) + " needs a value");
-      return argv[++i];
-    };
-    if (arg == "--") {
-      optionsEnded = true;
-    } else if (arg == "--help" || arg == "-h") {
-      std::cout << usageText;
-      std::exit(exitOk);
-    } else if (arg == "--version") {
-      std::cout << "vgwctl " << VGW_VERSION << '\n';
-      std::exit(exitOk);
-    } else if (name == "--socket") {
-      options.socket = valueOf();
-      if (options.socket.empty()) usageError("--socket needs a path");
-    } else if (name == "--timeout") {
-      const std::string text = valueOf();
-      char* end = nullptr;
-      options.timeout = std::strtod(text.c_str(), &end);
-      if (text.empty() || *end != '\0' || !std::isfinite(options.timeout) || options.timeout < 0)
-        usageError("--timeout needs a number of seconds, got \"" + text + "\"");
-    } else if (arg == "--compact") {
-      options.compact = true;
-    } else if (arg == "--json") {
-      options.json = true;
-    } else {
-      usageError("unknown option " + std::string(arg));
-    }
-  }
-  return options;
-}
 
 // ---- talking to the agent -------------------------------------------------------
 
@@ -301,14 +227,122 @@ void printTable(const Json& summary) {
   }
 }
 
-// ---- commands ----------------------------------------------------------------------
+// ---- the command line ----------------------------------------------------------------
 
-void requireArgs(const Options& o, std::size_t least, std::size_t most) {
-  const std::size_t given = o.words.size() - 1;
-  if (given < least || given > most) usageError("wrong number of arguments for " + o.words[0]);
+constexpr const char* valueHelp =
+    "VALUE is JSON text. For convenience a bare word is taken as a string when it\n"
+    "is not valid JSON and holds no white space and none of  \" ' , { } [ ]  so\n"
+    "10.0.0.1, 00:1c:73:00:00:01, ssl:10.0.0.1:6640 and /run/db.sock are strings.\n"
+    "Quote what would read as JSON otherwise: '\"123\"', '\"true\"'.\n";
+
+constexpr const char* pathHelp =
+    "A PATH is names separated by '/'; a '/' or '%' inside a name is written %2F\n"
+    "or %25 (Ethernet1%2F1).\n";
+
+// What the bash completion offers: files for FILE and SOCKET, and for a
+// PATH the names the agent lists below what is typed so far.
+const VgwCommandLine::Completions completions = {
+    {"FILE", R"(      compopt -o filenames 2>/dev/null
+      mapfile -t COMPREPLY < <(compgen -f -- "$cur"))"},
+    {"SOCKET", R"(      compopt -o filenames 2>/dev/null
+      mapfile -t COMPREPLY < <(compgen -f -- "$cur"))"},
+    {"PATH", R"(      local dir= name candidate
+      [[ $cur == */* ]] && dir=${cur%/*}
+      while IFS= read -r name; do
+        name=${name//%/%25}
+        candidate=${dir:+$dir/}${name//\//%2F}
+        [[ $candidate == "$cur"* ]] && COMPREPLY+=("$candidate")
+      done < <("$program" --timeout 2 "${options[@]}" list "$dir" 2>/dev/null)
+      # A single match with names below it is completed up to its '/'.
+      if ((${#COMPREPLY[@]} == 1)) &&
+        [[ -n $("$program" --timeout 2 "${options[@]}" list "${COMPREPLY[0]}" 2>/dev/null) ]]; then
+        COMPREPLY[0]+=/
+        compopt -o nospace 2>/dev/null
+      fi)"},
+};
+
+// The commands and options, declared once: parsing, --help, the manual page
+// and the bash completion all come from here. The type names PATH (a store
+// path), FILE and SOCKET tell the completion what to offer.
+void defineCommandLine(CLI::App& app, Options& o) {
+  VgwCommandLine::prepare(app, VGW_VERSION);
+  app.set_help_all_flag("--help-all", "print this help with every command's options and exit");
+  app.require_subcommand(1);
+  // As with most tools, the last of a repeated option counts.
+  app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+  // The program's options may also follow the command.
+  app.fallthrough();
+  app.add_option("--socket", o.socket,
+                 "the agent's control socket (default: $VGW_SOCKET, else " +
+                     std::string(Ledger::defaultControlSocketPath) + ")")
+      ->type_name("SOCKET")
+      ->check(VgwCommandLine::nonEmpty);
+  const CLI::Validator seconds(
+      [](const std::string& text) {
+        char* end = nullptr;
+        const double value = std::strtod(text.c_str(), &end);
+        if (text.empty() || *end != '\0' || !std::isfinite(value) || value < 0)
+          return "needs a number of seconds, got \"" + text + "\"";
+        return std::string();
+      },
+      "", "seconds");
+  app.add_option("--timeout", o.timeout, "how long to wait for an answer, in seconds (0: no limit)")
+      ->type_name("SECONDS")
+      ->check(seconds)
+      ->capture_default_str();
+  app.add_flag("--compact", o.compactBefore)->group("");
+  app.add_flag("--json", o.jsonBefore)->group("");
+
+  const auto command = [&](const std::string& name, const std::string& description) {
+    CLI::App* sub = app.add_subcommand(name, description);
+    sub->group("Commands");
+    // One help flag per command is enough; --help-all is the program's.
+    sub->set_help_all_flag();
+    sub->callback([&o, name] { o.command = name; });
+    return sub;
+  };
+  const auto optionalPath = [&](CLI::App* sub, const std::string& description) {
+    VgwCommandLine::addPositional(*sub, "PATH", o.path, description);
+    sub->footer(pathHelp);
+  };
+
+  CLI::App* get = command("get", "print the JSON at PATH, the whole store when PATH is left out");
+  optionalPath(get, "where to read");
+  get->add_flag("--compact", o.compact, "print the JSON on one line");
+
+  CLI::App* set = command("set", "replace the entity, attribute or member at PATH");
+  VgwCommandLine::addPositional(*set, "PATH", o.path, "what to replace")->required();
+  VgwCommandLine::addPositional(*set, "VALUE", o.value, "its new value")->required();
+  set->footer(std::string(valueHelp) + '\n' + pathHelp);
+
+  CLI::App* del = command("del", "remove the entry, member or child at PATH");
+  VgwCommandLine::addPositional(*del, "PATH", o.path, "what to remove")->required();
+  del->footer(pathHelp);
+
+  CLI::App* load = command("load", "apply a configuration document: an object from path to entity JSON");
+  VgwCommandLine::addPositional(*load, "FILE", o.path, "the document (\"-\": standard input)")->required();
+
+  optionalPath(command("list", "print the names below PATH, one per line"), "where to look");
+  optionalPath(command("watch", "print \"PATH VALUE\" for every change at or below PATH until interrupted"),
+               "what to watch");
+
+  CLI::App* show = command("show", "print the agent's summary as a table");
+  show->add_flag("--json", o.json, "print the summary as a JSON object");
+
+  app.footer(std::string(pathHelp) +
+             "\nExit status: 0 done; 1 the agent refused or did not answer; 2 usage errors,\n"
+             "unreadable input, or a socket that cannot be reached.\n");
+  app.add_flag_callback(
+         "--bash-completion",
+         [&app] {
+           std::cout << VgwCommandLine::bashCompletion(app, completions);
+           throw CLI::Success();
+         })
+      ->group("")
+      ->trigger_on_parse();
 }
 
-std::string pathArg(const Options& o) { return o.words.size() > 1 ? o.words[1] : std::string(); }
+// ---- commands ----------------------------------------------------------------------
 
 void watch(Connection& agent, const std::string& path) {
   agent.call({{"op", "watch"}, {"path", path}});
@@ -324,39 +358,29 @@ void watch(Connection& agent, const std::string& path) {
 }
 
 int run(const Options& o) {
-  if (o.words.empty()) usageError("no command given");
-  const std::string& command = o.words[0];
-  if (o.compact && command != "get") usageError("--compact applies to get only");
-  if (o.json && command != "show") usageError("--json applies to show only");
+  if (o.compactBefore && o.command != "get") usageError("--compact applies to get only");
+  if (o.jsonBefore && o.command != "show") usageError("--json applies to show only");
   Json request;
-  if (command == "get" || command == "list" || command == "watch") {
-    requireArgs(o, 0, 1);
-    request = {{"op", command}, {"path", pathArg(o)}};
-  } else if (command == "set") {
-    requireArgs(o, 2, 2);
-    request = {{"op", "set"}, {"path", o.words[1]}, {"value", parseValue(o.words[2])}};
-  } else if (command == "del") {
-    requireArgs(o, 1, 1);
-    request = {{"op", "del"}, {"path", o.words[1]}};
-  } else if (command == "load") {
-    requireArgs(o, 1, 1);
-    request = {{"op", "load"}, {"document", readDocument(o.words[1])}};
-  } else if (command == "show") {
-    requireArgs(o, 0, 0);
+  if (o.command == "set") {
+    request = {{"op", "set"}, {"path", o.path}, {"value", parseValue(o.value)}};
+  } else if (o.command == "load") {
+    request = {{"op", "load"}, {"document", readDocument(o.path)}};
+  } else if (o.command == "show") {
     request = {{"op", "show"}};
   } else {
-    usageError("unknown command " + command);
+    request = {{"op", o.command}, {"path", o.path}};
   }
 
   Connection agent(o.socket, o.timeout);
-  if (command == "watch") watch(agent, pathArg(o));
+  if (o.command == "watch") watch(agent, o.path);
   const Json value = agent.call(request);
-  if (command == "get") {
-    std::cout << value.dump(o.compact ? -1 : 2, ' ', false, Json::error_handler_t::replace) << '\n';
-  } else if (command == "list") {
+  if (o.command == "get") {
+    const bool compact = o.compact || o.compactBefore;
+    std::cout << value.dump(compact ? -1 : 2, ' ', false, Json::error_handler_t::replace) << '\n';
+  } else if (o.command == "list") {
     for (const Json& name : value) std::cout << (name.is_string() ? name.get<std::string>() : name.dump()) << '\n';
-  } else if (command == "show") {
-    if (o.json) {
+  } else if (o.command == "show") {
+    if (o.json || o.jsonBefore) {
       std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
     } else {
       printTable(value);
@@ -369,11 +393,15 @@ int run(const Options& o) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  CLI::App app("Reads, writes and watches the state store of a running vgw-agent.", "vgwctl");
+  Options options;
+  defineCommandLine(app, options);
+  if (const auto status = VgwCommandLine::parse(app, argc, argv)) return *status;
   try {
-    return run(parseOptions(argc, argv));
+    return run(options);
   } catch (const Failure& failure) {
+    if (failure.pointToHelp) return VgwCommandLine::usageError(app, failure.message);
     std::cerr << "vgwctl: " << failure.message << '\n';
-    if (failure.pointToHelp) std::cerr << "Try 'vgwctl --help'.\n";
     return failure.status;
   }
 }

@@ -261,9 +261,9 @@ TEST_F(VgwAgentProgram, BadConfigurationsAndArgumentsAreRefusedByNameAndADisable
       {{"--config", writeConfig(noOps.dump())}, "vgw/cliconfig/maxOps: must be at least 1"},
       {{"--config", writeConfig(badTarget.dump())},
        "vgw/cliconfig/managerAddress/not-a-target: not an OVSDB connection method"},
-      {{}, "--config FILE is required"},
-      {{"--config"}, "--config needs a value"},
-      {{"--config", missing, "--verbose"}, "unexpected argument --verbose"},
+      {{}, "vgw-agent: --config is required"},
+      {{"--config"}, "vgw-agent: --config: 1 required FILE missing"},
+      {{"--config", missing, "--verbose"}, "not expected: --verbose\nTry 'vgw-agent --help'."},
   };
   for (const auto& [args, expected] : cases) {
     Process agent(VGW_AGENT_PATH, args, dir);

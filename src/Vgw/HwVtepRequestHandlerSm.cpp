@@ -494,7 +494,7 @@ void handleTransactRequest(const Kiln::Ptr<OvsdbRequest>& request, HwVtepRequest
     VGW_TRACE(6, "Reply: \n" << resultText);
     updateOvsdbRequestResult(status, SessionState::stateConnected, request->type(), resultText);
     if (!transact->processResult(*result)) {
-      updateOvsdbRequestResult(status, SessionState::stateDisconnected, request->type(), "ovsdb reply error");
+      updateOvsdbRequestResult(status, SessionState::stateDisconnected, request->type(), transact->refusal());
     }
   }
 }

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <vector>
 
 #include "Kiln/Assert.h"
@@ -52,6 +54,20 @@ std::int64_t replyCount(const json& result) {
   const json* count = replyMember(result, "count");
   KILN_ASSERT(count && count->type == JSON_INTEGER, "Unexpected json type.");
   return json_integer(count);
+}
+
+// The number of rows an update, mutate or delete asked to touch; none for an
+// insert, and for a delete that takes whatever matches.
+std::optional<std::int64_t> expectedCount(const OpRequest& op) {
+  switch (op.type()) {
+    case OpType::updateOpType: return static_cast<const OpUpdateRequest&>(op).resultCount();
+    case OpType::mutateOpType: return static_cast<const OpMutateRequest&>(op).resultCount();
+    case OpType::deleteOpType: {
+      const unsigned count = static_cast<const OpDeleteRequest&>(op).resultCount();
+      return count ? std::optional<std::int64_t>(count) : std::nullopt;
+    }
+    default: return std::nullopt;
+  }
 }
 
 const OvsdbTableOp& tableOp(OvsdbDataType table) {
@@ -253,6 +269,26 @@ bool OvsdbTransactRequest::processResult(const json& result) {
     VGW_TRACE(0, "array->n: " << array->n << " i: " << ops.size());
     VGW_TRACE(0, "Request: \n" << jsonMsg());
     VGW_TRACE(0, "Reply: \n" << TracedJson{&result});
+    refusal_ = "ovsdb reply error";
+    return false;
+  }
+
+  // The agent names the rows it writes by uuid, and it learns of no other
+  // writer in the tables it owns. A row that an operator or controller
+  // deleted there (vtep-ctl del-ps, say) leaves the operation touching
+  // nothing: the mirror no longer matches the database, so none of the reply
+  // is applied and the session starts over from what the database holds.
+  for (std::size_t i = 0; i < ops.size(); ++i) {
+    const OpRequest* o = ops[i];
+    const std::optional<std::int64_t> expected = expectedCount(*o);
+    if (!expected) continue;
+    const std::int64_t count = replyCount(*array->elems[i]);
+    if (count == *expected) continue;
+    std::ostringstream text;
+    text << "Num of affected rows unexpected: " << ovsdbTableName(o->table()) << " row " << o->uuid() << " expected "
+         << *expected << ", touched " << count << "; another client changed rows this agent writes, resynchronising";
+    refusal_ = text.str();
+    VGW_TRACE(0, refusal_);
     return false;
   }
 

@@ -7,7 +7,10 @@
 // spreads the database's reply back over the same operations in the same
 // order; each operation then updates the mirror through its table's response
 // handler. A reply that is short or ends in an error is refused whole
-// (processResult returns false and no operation runs); a reply whose shape
+// (processResult returns false and no operation runs), and so is one in
+// which an update, mutate or delete touched another number of rows than it
+// named: another client removed rows the agent writes, and the mirror must be
+// read again from the database. A reply whose shape
 // contradicts the operation that asked for it is a breach and asserts.
 //
 // JSON values here are libopenvswitch's; the request owns what it holds
@@ -17,6 +20,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <string>
 
 #include "Ipkit/IpGenAddr.h"
 #include "Kiln/Entity.h"
@@ -292,6 +296,8 @@ class OvsdbTransactRequest : public OvsdbRequest {
 
   jsonrpc_msg* toJsonMsg() const override;
   bool processResult(const json& result) override;
+  // Why processResult refused the reply; empty until it does.
+  const std::string& refusal() const { return refusal_; }
 
  private:
   // Removes from the mirror the tunnels that no physical switch refers to.
@@ -301,6 +307,7 @@ class OvsdbTransactRequest : public OvsdbRequest {
   std::map<OvsdbDataType, OpRequestColl> op_;
   Kiln::Ptr<HwVtepOvsdb> ovsdb_;
   bool ignoreProcessResult_ = false;
+  std::string refusal_;
   std::map<Ipkit::IpGenAddr, Kiln::Ptr<const PhysicalLocator>> vtepIpToPhysicalLocator_;
   std::map<Uuid, Kiln::Ptr<const PhysicalLocator>> namedUuidToPhysicalLocator_;
 };

@@ -15,10 +15,11 @@ const CLI::App& root(const CLI::App& app) {
 }
 
 // CLI11 says only that a command is missing, also when the word in its place
-// is a misspelt one; the message names that word or the commands there are.
+// is a misspelt command or an option the program does not have; the message
+// names that word, or the commands there are.
 std::string missingCommand(const CLI::App& app) {
   const std::vector<std::string> rest = app.remaining();
-  if (!rest.empty() && !rest.front().starts_with('-')) return "unknown command " + rest.front();
+  if (!rest.empty()) return (rest.front().starts_with('-') ? "unknown option " : "unknown command ") + rest.front();
   std::string names;
   for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
     names += (names.empty() ? "" : ", ") + command->get_name();

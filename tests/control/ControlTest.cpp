@@ -529,6 +529,13 @@ TEST_F(VgwctlTest, usageErrorsAndAnUnreachableAgentExitWithTwoAndTheSocketOption
     EXPECT_NE(o.err.find("Try 'vgwctl --help'."), std::string::npos) << o.err;
     EXPECT_EQ(o.out, "");
   }
+  // Where the command should be, the message names what stands there instead.
+  for (const auto& [args, said] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{}, "vgwctl: no command given; the commands are get, set, del, load, list, watch, show\n"},
+           {{"frobnicate"}, "vgwctl: unknown command frobnicate\n"},
+           {{"--bogus"}, "vgwctl: unknown option --bogus\n"}}) {
+    EXPECT_TRUE(run(args).err.starts_with(said)) << run(args).err;
+  }
   EXPECT_TRUE(run({"--help"}).out.starts_with("usage: vgwctl"));
   EXPECT_EQ(run({"--version"}).out, std::string("vgwctl ") + VGW_VERSION + "\n");
 

@@ -17,8 +17,10 @@ endif()
 
 install(TARGETS vgw-agent vgwctl ringtape-dump RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-# The unit names the agent where this installation puts it.
-set(VGW_AGENT_BINARY ${CMAKE_INSTALL_FULL_BINDIR}/vgw-agent)
+# The package always installs under /usr, whatever prefix an older build
+# directory keeps; the unit names the agent where the package puts it.
+set(VGW_PACKAGE_PREFIX /usr)
+set(VGW_AGENT_BINARY ${VGW_PACKAGE_PREFIX}/${CMAKE_INSTALL_BINDIR}/vgw-agent)
 configure_file(${PROJECT_SOURCE_DIR}/deploy/vgw-agent.service.in ${PROJECT_BINARY_DIR}/deploy/vgw-agent.service @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/deploy/vgw-agent.service DESTINATION lib/systemd/system)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/single-node.json DESTINATION /etc/vgw RENAME vgw-agent.json)
@@ -65,7 +67,7 @@ set(CPACK_PACKAGE_NAME vgw)
 set(CPACK_PACKAGE_VENDOR "vgw")
 set(CPACK_PACKAGE_CONTACT "vgw maintainers <vgw@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "agent presenting a VXLAN fabric as hardware VTEPs to a network virtualization controller")
-set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_PACKAGING_INSTALL_PREFIX ${VGW_PACKAGE_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)

@@ -27,6 +27,7 @@
 #include "Vgw/CliConfigSm.h"
 #include "Vgw/InventorySm.h"
 #include "Vgw/RemoteHostSm.h"
+#include "Vgw/VlanToVniSm.h"
 
 RINGTAPE_HANDLE("VgwAgent");
 
@@ -154,6 +155,7 @@ RootSm::~RootSm() {
   inventorySm_ = nullptr;
   cliConfigSm_ = nullptr;
   remoteHostSm_ = nullptr;
+  vlanToVniSm_ = nullptr;
   lrSm_ = nullptr;
   requestHandler_ = nullptr;
   ovsdbSm_ = nullptr;
@@ -245,6 +247,19 @@ void RootSm::inventorySmIs(const Kiln::Ptr<const FabricMapV3::Status>& topoStatu
   inventorySm_ = inventorySmFactory(topoStatus, vtepStatusDir, errorStatusDir, ovsdb, requestQueue);
 }
 
+void RootSm::vlanToVniSmIs(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
+                           const Kiln::Ptr<const FabricMapV3::Status>& topoStatus,
+                           const Kiln::Ptr<const Kiln::Dir>& vtepStatusDirAgg,
+                           const Kiln::Ptr<Kiln::Dir>& dynVtepConfig) {
+  if (vlanToVniSm_ && vlanToVniSm_->ovsdb() == ovsdb && vlanToVniSm_->cliConfig() == cliConfig &&
+      vlanToVniSm_->topoStatus() == topoStatus && vlanToVniSm_->vtepStatusAggregate() == vtepStatusDirAgg &&
+      vlanToVniSm_->dynVtepConfig() == dynVtepConfig) {
+    return;
+  }
+  vlanToVniSm_ = nullptr;
+  vlanToVniSm_ = vlanToVniSmFactory(ovsdb, cliConfig, topoStatus, vtepStatusDirAgg, dynVtepConfig);
+}
+
 void RootSm::lrSmIs(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
                     const Kiln::Ptr<Kiln::Dir>& lrConfigDir) {
   if (lrSm_ && lrSm_->ovsdb() == ovsdb && lrSm_->cliConfig() == cliConfig && lrSm_->lrConfigDir() == lrConfigDir) {
@@ -322,6 +337,7 @@ void RootSm::handleDisableAgent() {
   // teardown does, as the tunnel machine's own would.
   localData_->tunnelDirtyIs(false);
   if (const Kiln::Ptr<RemoteHostSm> remoteHost = std::exchange(remoteHostSm_, nullptr)) remoteHost->destroy();
+  if (const Kiln::Ptr<VlanToVniSm> vlanToVni = std::exchange(vlanToVniSm_, nullptr)) vlanToVni->destroy();
   if (const Kiln::Ptr<LrSm> lr = std::exchange(lrSm_, nullptr)) lr->destroyConfig();
   if (const Kiln::Ptr<InventorySm> inventory = std::exchange(inventorySm_, nullptr)) inventory->destroy(true);
   KILN_ASSERT(requestHandler_, "requestHandler is NULL");
@@ -391,6 +407,8 @@ void RootSm::handleConnected() {
     localData_->ovsdbSynchronizedIs(true);
   }
   if (!remoteHostSm_) remoteHostSmIs(status_, vniStatusDirOut_);
+  // Like the router machine, this one holds the mirror.
+  vlanToVniSmIs(status_->ovsdb(), cliConfig_, topoStatus_, vtepStatusDirAgg_, dynVtepConfig_);
   // Unlike the remote host machine, this one holds the mirror: after a
   // repeated enable it must follow the new one.
   lrSmIs(status_->ovsdb(), cliConfig_, lrConfigDir_);
@@ -403,6 +421,7 @@ void RootSm::handleDisconnected() {
   inventorySm_ = nullptr;
   cliConfigSm_ = nullptr;
   remoteHostSm_ = nullptr;
+  vlanToVniSm_ = nullptr;
   lrSm_ = nullptr;
   localData_->reset();
   VGW_TRACE(5, "RootSm::handleDisconnected return");

@@ -62,6 +62,7 @@ class Agent;
 class CliConfigSm;
 class InventorySm;
 class RemoteHostSm;
+class VlanToVniSm;
 
 // The agent's mounts in mount order: the local ones, on this node's state,
 // and the service-side ones, on the fleet-wide paths. A program declares
@@ -114,6 +115,7 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   const Kiln::Ptr<HwVtepOvsdbSm>& ovsdbSm() const { return ovsdbSm_; }
   const Kiln::Ptr<CliConfigSm>& cliConfigSm() const { return cliConfigSm_; }
   const Kiln::Ptr<InventorySm>& inventorySm() const { return inventorySm_; }
+  const Kiln::Ptr<VlanToVniSm>& vlanToVniSm() const { return vlanToVniSm_; }
   // The session's view of the children (RootSmInterface). The tunnel
   // machine is not part of this agent yet.
   RemoteHostSm* remoteHostSm() const override { return remoteHostSm_.get(); }
@@ -148,6 +150,9 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   void inventorySmIs(const Kiln::Ptr<const FabricMapV3::Status>& topoStatus,
                      const Kiln::Ptr<const Kiln::Dir>& vtepStatusDir, const Kiln::Ptr<const Kiln::Dir>& errorStatusDir,
                      const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<OvsdbRequestQueue>& requestQueue);
+  void vlanToVniSmIs(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
+                     const Kiln::Ptr<const FabricMapV3::Status>& topoStatus,
+                     const Kiln::Ptr<const Kiln::Dir>& vtepStatusDirAgg, const Kiln::Ptr<Kiln::Dir>& dynVtepConfig);
   void lrSmIs(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
               const Kiln::Ptr<Kiln::Dir>& lrConfigDir);
 
@@ -268,6 +273,7 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   Kiln::Ptr<HwVtepRequestHandlerSm> requestHandler_;
   Kiln::Ptr<VgwClientSm> vgwClientSm_;
   Kiln::Ptr<RemoteHostSm> remoteHostSm_;
+  Kiln::Ptr<VlanToVniSm> vlanToVniSm_;
   Kiln::Ptr<LrSm> lrSm_;
   Kiln::Ptr<HwVtepOvsdbSm> ovsdbSm_;
   Kiln::Ptr<CliConfigSm> cliConfigSm_;

@@ -246,15 +246,26 @@ TEST_F(VgwRoad, TheExampleFabricAppearsForTheControllerAndLeavesWithTheAgent) {
   EXPECT_EQ(switchesInGlobal(), 2u);
   EXPECT_EQ(db.rows("Arp_Sources_Local").size(), 2u);
 
+  // A port VLAN the controller binds becomes the VTEP's configuration.
+  const std::string bindings =
+      "overlaysvc/version2/input/dynVtepConfig/vgw/switch/00:1c:73:00:00:01/vtepConfig/Vxlan1/vlanToVniMap";
+  db.addLogicalSwitch("ls0", 5000);
+  server.vtepCtl("bind-ls", "leaf1", "Ethernet1", "100", "ls0");
+  ASSERT_TRUE(loop.runUntil([&] { return !store.read(bindings).empty(); }));
+  EXPECT_EQ(store.read(bindings), Json::parse(R"({"{\"port\":\"Ethernet1\",\"vlanId\":100}": 5000})"));
+
   // As `vgwctl set vgw/cliconfig/enableAgent false` and back.
   store.write("vgw/cliconfig/enableAgent", false, Ledger::Writer::external);
   EXPECT_FALSE(agent->status()->running());
   EXPECT_EQ(switchesInGlobal(), 0u);
+  EXPECT_THROW(store.read(bindings), std::exception) << "the agent's bindings leave with it";
   EXPECT_EQ(server.vtepCtl("list-ps"), "");
   store.write("vgw/cliconfig/enableAgent", true, Ledger::Writer::external);
   ASSERT_TRUE(loop.runUntil([&] { return agent->rootSm()->inventorySm() != nullptr; }));
   EXPECT_EQ(server.vtepCtl("list-ps"), "leaf1\nleaf2");
   EXPECT_EQ(db.rows("Arp_Sources_Local").size(), 2u);
+  // The ports are new rows, which the controller has not bound yet.
+  EXPECT_TRUE(store.read(bindings).empty());
 }
 
 }  // namespace

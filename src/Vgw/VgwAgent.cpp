@@ -26,6 +26,7 @@
 #include "RingTape/RingTape.h"
 #include "Vgw/CliConfigSm.h"
 #include "Vgw/InventorySm.h"
+#include "Vgw/LocalHostSm.h"
 #include "Vgw/RemoteHostSm.h"
 #include "Vgw/VlanToVniSm.h"
 
@@ -153,6 +154,7 @@ RootSm::~RootSm() {
   // others go; the handler keeps a pointer to this object until it is gone.
   vgwClientSm_ = nullptr;
   inventorySm_ = nullptr;
+  localHostSm_ = nullptr;
   cliConfigSm_ = nullptr;
   remoteHostSm_ = nullptr;
   vlanToVniSm_ = nullptr;
@@ -245,6 +247,18 @@ void RootSm::inventorySmIs(const Kiln::Ptr<const FabricMapV3::Status>& topoStatu
   }
   inventorySm_ = nullptr;
   inventorySm_ = inventorySmFactory(topoStatus, vtepStatusDir, errorStatusDir, ovsdb, requestQueue);
+}
+
+void RootSm::localHostSmIs(const Kiln::Ptr<Kiln::Clock>& clock,
+                           const Kiln::Ptr<const OverlaySvc::VniStatusDirV2>& vniStatusDir,
+                           const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
+                           const Kiln::Ptr<OvsdbRequestQueue>& requestQueue) {
+  if (localHostSm_ && localHostSm_->vniStatusDir() == vniStatusDir && localHostSm_->ovsdb() == ovsdb &&
+      localHostSm_->cliConfig() == cliConfig && localHostSm_->requestQueue() == requestQueue) {
+    return;
+  }
+  localHostSm_ = nullptr;
+  localHostSm_ = localHostSmFactory(clock, vniStatusDir, ovsdb, cliConfig, requestQueue);
 }
 
 void RootSm::vlanToVniSmIs(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
@@ -340,6 +354,7 @@ void RootSm::handleDisableAgent() {
   if (const Kiln::Ptr<VlanToVniSm> vlanToVni = std::exchange(vlanToVniSm_, nullptr)) vlanToVni->destroy();
   if (const Kiln::Ptr<LrSm> lr = std::exchange(lrSm_, nullptr)) lr->destroyConfig();
   if (const Kiln::Ptr<InventorySm> inventory = std::exchange(inventorySm_, nullptr)) inventory->destroy(true);
+  if (const Kiln::Ptr<LocalHostSm> localHost = std::exchange(localHostSm_, nullptr)) localHost->destroy(true);
   KILN_ASSERT(requestHandler_, "requestHandler is NULL");
   requestHandler_->destroy();
   cliConfigSm_ = nullptr;
@@ -403,6 +418,7 @@ void RootSm::handleConnected() {
   } else {
     VGW_TRACE(6, "Topology, OFC, and errorStatus has converged.");
     inventorySmIs(topoStatus_, vtepStatusDirAgg_, errorStatusDir_, status_->ovsdb(), requestQueue_);
+    localHostSmIs(Kiln::EventLoop::current().clock(), vniStatusDirIn_, status_->ovsdb(), cliConfig_, requestQueue_);
     cliConfigSmIs(status_, config_, cliConfig_, topoStatus_, vniStatusDirIn_, requestQueue_);
     localData_->ovsdbSynchronizedIs(true);
   }
@@ -419,6 +435,7 @@ void RootSm::handleDisconnected() {
   if (!initialized_) return;
   VGW_TRACE(5, "RootSm::handleDisconnected");
   inventorySm_ = nullptr;
+  localHostSm_ = nullptr;
   cliConfigSm_ = nullptr;
   remoteHostSm_ = nullptr;
   vlanToVniSm_ = nullptr;

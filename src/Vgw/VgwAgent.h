@@ -61,6 +61,7 @@ namespace Vgw {
 class Agent;
 class CliConfigSm;
 class InventorySm;
+class LocalHostSm;
 class RemoteHostSm;
 class VlanToVniSm;
 
@@ -116,6 +117,7 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   const Kiln::Ptr<CliConfigSm>& cliConfigSm() const { return cliConfigSm_; }
   const Kiln::Ptr<InventorySm>& inventorySm() const { return inventorySm_; }
   const Kiln::Ptr<VlanToVniSm>& vlanToVniSm() const { return vlanToVniSm_; }
+  const Kiln::Ptr<LocalHostSm>& localHostSm() const { return localHostSm_; }
   // The session's view of the children (RootSmInterface). The tunnel
   // machine is not part of this agent yet.
   RemoteHostSm* remoteHostSm() const override { return remoteHostSm_.get(); }
@@ -150,6 +152,9 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   void inventorySmIs(const Kiln::Ptr<const FabricMapV3::Status>& topoStatus,
                      const Kiln::Ptr<const Kiln::Dir>& vtepStatusDir, const Kiln::Ptr<const Kiln::Dir>& errorStatusDir,
                      const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<OvsdbRequestQueue>& requestQueue);
+  void localHostSmIs(const Kiln::Ptr<Kiln::Clock>& clock, const Kiln::Ptr<const OverlaySvc::VniStatusDirV2>& vniStatusDir,
+                     const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
+                     const Kiln::Ptr<OvsdbRequestQueue>& requestQueue);
   void vlanToVniSmIs(const Kiln::Ptr<HwVtepOvsdb>& ovsdb, const Kiln::Ptr<const CliConfig>& cliConfig,
                      const Kiln::Ptr<const FabricMapV3::Status>& topoStatus,
                      const Kiln::Ptr<const Kiln::Dir>& vtepStatusDirAgg, const Kiln::Ptr<Kiln::Dir>& dynVtepConfig);
@@ -278,6 +283,7 @@ class RootSm : public Kiln::PtrInterface, public RootSmInterface {
   Kiln::Ptr<HwVtepOvsdbSm> ovsdbSm_;
   Kiln::Ptr<CliConfigSm> cliConfigSm_;
   Kiln::Ptr<InventorySm> inventorySm_;
+  Kiln::Ptr<LocalHostSm> localHostSm_;
   bool initialized_ = false;
   KilnTimer disconnectTimer_;
   bool errorStatusMountReady_ = false;

@@ -202,7 +202,7 @@ TEST_F(RootSmTest, LostLeadershipDiscardsBeforeTheTeardownAndReturnReconnects) {
   cluster->isStandaloneOrLeaderIs(false);
   ASSERT_TRUE(teardown.sent);
   EXPECT_TRUE(teardown.discarding);
-  EXPECT_EQ(teardown.queue->request().size(), 1u) << "the delete waits in the queue";
+  EXPECT_EQ(teardown.queue->request().size(), 2u) << "the delete and the local hosts' teardown wait in the queue";
   EXPECT_EQ(db.uuids("Logical_Switch"), std::set<Uuid>{blue});
   EXPECT_EQ(db.rows("Manager"), managersBefore);
   EXPECT_FALSE(status->running());

@@ -43,6 +43,7 @@
 #include <string_view>
 #include <vector>
 
+#include "BareClient.h"
 #include "BenchSupport.h"
 #include "Kiln/System.h"
 #include "Ovs/OvsHandles.h"
@@ -51,6 +52,9 @@
 namespace {
 
 using Kiln::Json;
+using Vgw::Bench::BareClient;
+using Vgw::Bench::members;
+using Vgw::Bench::named;
 using Vgw::Bench::Failure;
 using Vgw::Bench::msBetween;
 using Vgw::Bench::nowNs;
@@ -114,70 +118,7 @@ Json fabricDocument(const Options& options) {
   return document;
 }
 
-// ---- the bare client --------------------------------------------------------------------------
-
-struct RpcClose {
-  void operator()(jsonrpc* rpc) const { ovsc_jsonrpc_close(rpc); }
-};
-using Rpc = std::unique_ptr<jsonrpc, RpcClose>;
-
-std::string text(const json* value) {
-  const Ovs::CString printed(json_to_string(value, 0));
-  return printed.get();
-}
-
-class BareClient {
- public:
-  explicit BareClient(const std::string& target) {
-    stream* s = nullptr;
-    if (const int error = ovsc_jsonrpc_stream_open_block(target.c_str(), 0, 10000, &s)) {
-      throw Failure("cannot connect to " + target + ": " + std::strerror(error));
-    }
-    rpc_.reset(ovsc_jsonrpc_open(s));
-  }
-
-  // Runs one transaction ("transact" params); `took` gets the time from the
-  // request to the reply, with the JSON built before and read after.
-  Json transact(const json* params, double* took = nullptr) {
-    jsonrpc_msg* request = ovsc_jsonrpc_create_request("transact", json_clone(params), nullptr);
-    jsonrpc_msg* raw = nullptr;
-    const std::int64_t sent = nowNs();
-    const int error = ovsc_jsonrpc_transact_block(rpc_.get(), request, &raw);
-    if (took) *took = msBetween(sent, nowNs());
-    const Ovs::JsonRpcMsgPtr reply(raw);
-    if (error) throw Failure(std::string("transact: ") + std::strerror(error));
-    const json* result = ovsc_jsonrpc_msg_result(reply.get());
-    if (!result) throw Failure("transact refused: " + text(ovsc_jsonrpc_msg_error(reply.get())));
-    Json results = Json::parse(text(result));
-    for (const Json& one : results) {
-      if (one.is_object() && one.contains("error")) throw Failure("transaction failed: " + one.dump());
-    }
-    return results;
-  }
-  Json transact(const Json& params, double* took = nullptr) {
-    const Ovs::JsonPtr parsed(json_from_string(params.dump().c_str()));
-    return transact(parsed.get(), took);
-  }
-
-  // The rows of `table`, with `columns`.
-  Json select(const char* table, const Json& columns) {
-    return transact(
-        Json::array({"hardware_vtep",
-                     {{"op", "select"}, {"table", table}, {"where", Json::array()}, {"columns", columns}}}))[0]["rows"];
-  }
-
- private:
-  Rpc rpc_;
-};
-
-// The members of an OVSDB set value.
-std::vector<Json> members(const Json& value) {
-  if (value.is_array() && value.size() == 2 && value[0] == "set")
-    return std::vector<Json>(value[1].begin(), value[1].end());
-  return {value};
-}
-
-Json named(const std::string& name) { return Json::array({"named-uuid", name}); }
+// ---- the bare client's rows ---------------------------------------------------------------
 
 // What the agent writes for the fabric, as one transaction.
 Json bareInsert(const Options& options) {

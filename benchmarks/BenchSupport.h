@@ -17,6 +17,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -148,5 +149,24 @@ class RunTable {
   std::vector<Column> columns_;
   std::vector<std::vector<double>> samples_;
 };
+
+// A benchmark's main: options that parse() refuses end it with status 2
+// and a hint, a failure of run() with its message and status 1.
+template <class Options>
+int benchMain(const char* name, int argc, char** argv, Options (*parse)(int, char**), int (*run)(const Options&)) {
+  Options options;
+  try {
+    options = parse(argc, argv);
+  } catch (const std::invalid_argument& e) {
+    std::cerr << name << ": " << e.what() << "\nTry '" << name << " --help'.\n";
+    return 2;
+  }
+  try {
+    return run(options);
+  } catch (const std::exception& e) {
+    std::cerr << name << ": FAILED: " << e.what() << '\n';
+    return 1;
+  }
+}
 
 }  // namespace Vgw::Bench

@@ -346,18 +346,4 @@ int run(const Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  Options options;
-  try {
-    options = parseOptions(argc, argv);
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "fabric-load: " << e.what() << "\nTry 'fabric-load --help'.\n";
-    return 2;
-  }
-  try {
-    return run(options);
-  } catch (const std::exception& e) {
-    std::cerr << "fabric-load: FAILED: " << e.what() << '\n';
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return Vgw::Bench::benchMain("fabric-load", argc, argv, parseOptions, run); }

@@ -267,18 +267,4 @@ int run(const Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  Options options;
-  try {
-    options = parseOptions(argc, argv);
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "local-host-load: " << e.what() << "\nTry 'local-host-load --help'.\n";
-    return 2;
-  }
-  try {
-    return run(options);
-  } catch (const std::exception& e) {
-    std::cerr << "local-host-load: FAILED: " << e.what() << '\n';
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return Vgw::Bench::benchMain("local-host-load", argc, argv, parseOptions, run); }

@@ -67,6 +67,7 @@
 #include <vector>
 
 #include "BenchHosts.h"
+#include "BenchSupport.h"
 #include "Hearth/AgentRunner.h"
 #include "Ovs/OvsHandles.h"
 #include "OvsdbServer.h"
@@ -792,18 +793,4 @@ int run(const Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  Options options;
-  try {
-    options = parseOptions(argc, argv);
-  } catch (const std::invalid_argument& e) {
-    std::cerr << "remote-host-burst: " << e.what() << "\nTry 'remote-host-burst --help'.\n";
-    return 2;
-  }
-  try {
-    return run(options);
-  } catch (const std::exception& e) {
-    std::cerr << "remote-host-burst: FAILED: " << e.what() << '\n';
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return Vgw::Bench::benchMain("remote-host-burst", argc, argv, parseOptions, run); }

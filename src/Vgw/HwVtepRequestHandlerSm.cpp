@@ -809,8 +809,8 @@ void HwVtepRequestHandlerSm::processPhysicalLocator(NotifyType type, const Uuid&
         VGW_TRACE(5, " return deleted");
         return;
       }
-      if (localData_->localLocator(locator->key())) localData_->localLocatorDel(locator->key());
-      // A newer row of the same address may hold the index already.
+      // A newer row of the same address may hold the indexes already.
+      if (localData_->localLocator(locator->key()) == locator) localData_->localLocatorDel(locator->key());
       if (ovsdb_->physicalLocator(locator->key().dstIp()) == locator) {
         ovsdb_->physicalLocatorDel(locator->key().dstIp());
       }

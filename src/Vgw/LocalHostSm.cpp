@@ -310,6 +310,7 @@ void LocalHostSm::processBacklog(double deadline) {
       VGW_TRACE(6, "Yielding backlog processing at " << bookmark_);
       break;
     }
+    checkSuspects();
     const Kiln::Ptr<OvsdbTransactRequest> transact = newTransaction();
     // The configuration refuses a zero, which would make no progress.
     const unsigned maxOps = std::max<unsigned>(1, cliConfig_->maxOps());
@@ -449,6 +450,7 @@ void LocalHostSm::delUcastMac(const Ipkit::EthAddr& mac, const Vxlan::Vni& vni, 
     VGW_TRACE(7, " return no Mac");
     return;
   }
+  suspectIs(*existing);
   transact.opEnq(deleteLocalRow(*ovsdb_, OvsdbDataType::ucastMacsLocal, *existing, vni,
                                 "Vni has changed, processing UcastMac del against "));
 }
@@ -460,6 +462,7 @@ void LocalHostSm::delBumMac(const Ipkit::EthAddr& mac, const Vxlan::Vni& vni, Ov
     VGW_TRACE(7, " return no Mac");
     return;
   }
+  suspectIs(*existing);
   transact.opEnq(deleteLocalRow(*ovsdb_, OvsdbDataType::mcastMacsLocal, *existing, vni,
                                 "Vni has changed, processing McastMac del against "));
 }
@@ -475,6 +478,7 @@ void LocalHostSm::removeStaleMacs() {
     if (status && !status->macVtepTable().empty()) {
       for (const auto& [mac, row] : table->ucastMacsLocal()) handleMacVni(mac, vni);
     } else if (!table->ucastMacsLocal().empty()) {
+      for (const auto& [mac, row] : table->ucastMacsLocal()) suspectIs(*row);
       for (const Uuid& ls : rowSwitches(table->ucastMacsLocal())) {
         transact->opEnq(deleteSwitchRows<UcastMacsLocal>(OvsdbDataType::ucastMacsLocal, ls, vni));
       }
@@ -487,6 +491,7 @@ void LocalHostSm::removeStaleMacs() {
     if (status && (!status->macVtepMultiPathTable().empty() || !status->macVtepFloodListTable().empty())) {
       for (const auto& [mac, row] : table->mcastMacsLocal()) handleMacVni(mac, vni);
     } else if (!table->mcastMacsLocal().empty()) {
+      for (const auto& [mac, row] : table->mcastMacsLocal()) suspectIs(*row);
       for (const Uuid& ls : rowSwitches(table->mcastMacsLocal())) {
         transact->opEnq(deleteSwitchRows<McastMacsLocal>(OvsdbDataType::mcastMacsLocal, ls, vni));
       }
@@ -497,6 +502,26 @@ void LocalHostSm::removeStaleMacs() {
     requestQueue_->requestEnq(transact);
     ++transactions_;
   }
+}
+
+void LocalHostSm::suspectIs(const UcastMacsLocal& row) {
+  suspects_.emplace(row.locator(), OvsdbDataType::physicalLocator);
+}
+
+void LocalHostSm::suspectIs(const McastMacsLocal& row) {
+  suspects_.emplace(row.physicalLocatorSet(), OvsdbDataType::physicalLocatorSet);
+  if (const Kiln::Ptr<PhysicalLocatorSet> set = ovsdb_->physicalLocatorSet(row.physicalLocatorSet())) {
+    for (const Uuid& locator : set->locator()) suspects_.emplace(locator, OvsdbDataType::physicalLocator);
+  }
+}
+
+void LocalHostSm::checkSuspects() {
+  if (suspects_.empty()) return;
+  VGW_TRACE(6, "Checking " << suspects_.size() << " locators and locator sets of deleted rows");
+  const Kiln::Ptr<OvsdbTransactRequest> transact = newTransaction();
+  for (const auto& [uuid, type] : suspects_) transact->opEnq(buildPresenceCheck(uuid, type));
+  suspects_.clear();
+  requestQueue_->requestEnq(transact);
 }
 
 void LocalHostSm::destroy(bool ignoreProcessResult) {

@@ -209,6 +209,13 @@ class LocalHostSm : public Anvil::CodefBase, public Kiln::PtrInterface {
   void delUcastMac(const Ipkit::EthAddr& mac, const Vxlan::Vni& vni, OvsdbTransactRequest& transact);
   void delBumMac(const Ipkit::EthAddr& mac, const Vxlan::Vni& vni, OvsdbTransactRequest& transact);
   void removeStaleMacs();
+  // The locators and locator sets that rows this machine deleted named:
+  // the server collects those that nothing else names. Before the next
+  // batch can name one, one transaction checks them all, and the mirror
+  // forgets those found gone.
+  void suspectIs(const UcastMacsLocal& row);
+  void suspectIs(const McastMacsLocal& row);
+  void checkSuspects();
 
   const Kiln::Ptr<const OverlaySvc::VniStatusDirV2> vniStatusDir_;
   const Kiln::Ptr<HwVtepOvsdb> ovsdb_;
@@ -217,6 +224,7 @@ class LocalHostSm : public Anvil::CodefBase, public Kiln::PtrInterface {
   const Kiln::Ptr<LocalData> localData_;
   std::unordered_map<MacVniPair, bool> backlog_;
   MacVniPair bookmark_;
+  std::map<Uuid, OvsdbDataType> suspects_;
   std::map<Vxlan::Vni, Kiln::Ptr<VniStatusSm>> vniStatusSm_;
   bool initialized_ = false;
   std::uint64_t transactions_ = 0;

@@ -13,7 +13,6 @@
 
 #include "Kiln/Assert.h"
 #include "RingTape/RingTape.h"
-#include "Vgw/VgwUtils.h"
 #include "Vgw/LocalTypes.h"
 #include "Vgw/OvsdbTableOps.h"
 #include "Vgw/VgwUtils.h"
@@ -198,6 +197,20 @@ void OpDeleteRequest::processResult(const json& result) {
   const std::int64_t count = replyCount(result);
   KILN_ASSERT(resultCount_ == 0 || count == resultCount_, "Delete should only affect 1 row");
   tableOp(table()).processDeleteResp(Kiln::Ptr<OpDeleteRequest>(this));
+}
+
+json* OpSelectRequest::toJson() const {
+  json* object = operation("select", table());
+  json_object_put(object, "where", json_array_create_1(createUuidCondition(uuid()).release()));
+  json_object_put(object, "columns", json_array_create_1(json_string_create("_uuid")));
+  return object;
+}
+
+void OpSelectRequest::processResult(const json& result) {
+  const json* rows = replyMember(result, "rows");
+  KILN_ASSERT(rows && rows->type == JSON_ARRAY, "Unexpected json type.");
+  found_ = json_array(rows)->n != 0;
+  tableOp(table()).processSelectResp(Kiln::Ptr<OpSelectRequest>(this));
 }
 
 // ---- OvsdbTransactRequest ----------------------------------------------------------

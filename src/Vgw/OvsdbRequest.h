@@ -205,6 +205,23 @@ class OpUpdateRequest : public OpRequest {
   unsigned resultCount_ = 0;
 };
 
+// A presence check of one row inside a transaction: a select of the row's
+// uuid, whose reply tells whether the row still exists. The table's handler
+// drops a row found gone from the mirror, as the monitor's delete would:
+// the server collects unreferenced locators and locator sets at commit, and
+// the agent's monitor may tell of it only after its next transaction.
+class OpSelectRequest : public OpRequest {
+ public:
+  explicit OpSelectRequest(OvsdbDataType table) : OpRequest(OpType::selectOpType, table) {}
+  // Whether the reply held the row; false until the reply is applied.
+  bool found() const { return found_; }
+  json* toJson() const override;
+  void processResult(const json& result) override;
+
+ private:
+  bool found_ = false;
+};
+
 class OpMutateRequest : public OpRequest {
  public:
   explicit OpMutateRequest(OvsdbDataType table) : OpRequest(OpType::mutateOpType, table) {}

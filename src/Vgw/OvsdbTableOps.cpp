@@ -128,6 +128,7 @@ void OvsdbTableOp::processInsertResp(const Kiln::Ptr<OpInsertRequest>&) const { 
 void OvsdbTableOp::processUpdateResp(const Kiln::Ptr<OpUpdateRequest>&) const { KILN_ASSERT(false, notImplemented); }
 void OvsdbTableOp::processDeleteResp(const Kiln::Ptr<OpDeleteRequest>&) const { KILN_ASSERT(false, notImplemented); }
 void OvsdbTableOp::processMutateResp(const Kiln::Ptr<OpMutateRequest>&) const { KILN_ASSERT(false, notImplemented); }
+void OvsdbTableOp::processSelectResp(const Kiln::Ptr<OpSelectRequest>&) const { KILN_ASSERT(false, notImplemented); }
 
 // ---- Global ------------------------------------------------------------------
 
@@ -300,6 +301,18 @@ void PhysicalLocatorOp::processPhysicalLocatorInsertUpdateResp(const OpRequest& 
   localData().localLocatorIs(locator->key(), locator);
 }
 
+void PhysicalLocatorOp::processSelectResp(const Kiln::Ptr<OpSelectRequest>& op) const {
+  if (op->found()) return;
+  HwVtepOvsdb& ovsdb = mirror(*op);
+  const Kiln::Ptr<PhysicalLocator> locator = ovsdb.physicalLocatorRaw(op->uuid());
+  if (!locator) return;
+  VGW_TRACE(6, "Physical locator " << op->uuid() << " of " << locator->key().dstIp() << " was collected");
+  if (localData().localLocator(locator->key()) == locator) localData().localLocatorDel(locator->key());
+  if (ovsdb.physicalLocator(locator->key().dstIp()) == locator) ovsdb.physicalLocatorDel(locator->key().dstIp());
+  // The row itself stays until the monitor's delete: rows of other tables
+  // that named it may still be on their way out of the mirror.
+}
+
 void PhysicalLocatorOp::processDeleteResp(const Kiln::Ptr<OpDeleteRequest>&) const {
   KILN_ASSERT(false, "0 && \"Do not support physical locator deletes\"");
 }
@@ -324,6 +337,12 @@ void PhysicalLocatorSetOp::processPhysicalLocatorSetInsertUpdateResp(const OpReq
 
 void PhysicalLocatorSetOp::processDeleteResp(const Kiln::Ptr<OpDeleteRequest>&) const {
   KILN_ASSERT(false, "0 && \"Do not support physical locator set deletes\"");
+}
+
+void PhysicalLocatorSetOp::processSelectResp(const Kiln::Ptr<OpSelectRequest>& op) const {
+  if (op->found()) return;
+  VGW_TRACE(6, "Physical locator set " << op->uuid() << " was collected");
+  mirror(*op).physicalLocatorSetDel(op->uuid());
 }
 
 // ---- Ucast_Macs_Local ----------------------------------------------------------

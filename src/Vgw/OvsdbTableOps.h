@@ -17,8 +17,10 @@
 // and the local working data in step. Deletes of rows already gone are
 // traced and ignored, because a monitor delete may have come first.
 // Locators and locator sets are never deleted by the agent (the database
-// collects them when unreferenced); tunnels leave the mirror through the
-// sweep at the end of each transaction.
+// collects them when unreferenced); a presence check that finds one gone
+// drops it from the mirror, so that the next transaction inserts a new one
+// instead of naming a row that no longer exists. Tunnels leave the mirror
+// through the sweep at the end of each transaction.
 #pragma once
 
 #include <deque>
@@ -43,6 +45,7 @@ class OvsdbTableOp : public Kiln::PtrInterface {
   virtual void processUpdateResp(const Kiln::Ptr<OpUpdateRequest>& op) const;
   virtual void processDeleteResp(const Kiln::Ptr<OpDeleteRequest>& op) const;
   virtual void processMutateResp(const Kiln::Ptr<OpMutateRequest>& op) const;
+  virtual void processSelectResp(const Kiln::Ptr<OpSelectRequest>& op) const;
 
  private:
   const OvsdbDataType type_;
@@ -103,6 +106,7 @@ class PhysicalLocatorOp : public OvsdbTableOp {
   void processInsertResp(const Kiln::Ptr<OpInsertRequest>& op) const override;
   void processUpdateResp(const Kiln::Ptr<OpUpdateRequest>& op) const override;
   void processDeleteResp(const Kiln::Ptr<OpDeleteRequest>& op) const override;
+  void processSelectResp(const Kiln::Ptr<OpSelectRequest>& op) const override;
 
  private:
   void processPhysicalLocatorInsertUpdateResp(const OpRequest& op) const;
@@ -114,6 +118,7 @@ class PhysicalLocatorSetOp : public OvsdbTableOp {
   void processInsertResp(const Kiln::Ptr<OpInsertRequest>& op) const override;
   void processUpdateResp(const Kiln::Ptr<OpUpdateRequest>& op) const override;
   void processDeleteResp(const Kiln::Ptr<OpDeleteRequest>& op) const override;
+  void processSelectResp(const Kiln::Ptr<OpSelectRequest>& op) const override;
 
  private:
   void processPhysicalLocatorSetInsertUpdateResp(const OpRequest& op) const;

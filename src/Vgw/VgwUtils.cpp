@@ -1043,6 +1043,12 @@ Kiln::Ptr<OpDeleteRequest> buildDelete(const Uuid& uuid, OvsdbDataType type) {
   return op;
 }
 
+Kiln::Ptr<OpSelectRequest> buildPresenceCheck(const Uuid& uuid, OvsdbDataType type) {
+  auto op = Kiln::newPtr<OpSelectRequest>(type);
+  op->uuidIs(uuid);
+  return op;
+}
+
 Kiln::Ptr<OpMutateRequest> buildMutate(const Uuid& uuid, MutaterOp mutaterOp, const Kiln::String& column,
                                        const std::set<Uuid>& uuids, OvsdbDataType type, Ovs::JsonPtr mutations) {
   auto op = Kiln::newPtr<OpMutateRequest>(type);

@@ -185,6 +185,8 @@ Kiln::Ptr<OpUpdateRequest> buildUpdate(const Uuid& uuid, const Kiln::Ptr<OvsdbDa
 // One row is expected; a caller deleting more sets resultCountIs(0).
 Kiln::Ptr<OpDeleteRequest> buildDeleteWhere(OvsdbDataType type, Ovs::JsonPtr condition);
 Kiln::Ptr<OpDeleteRequest> buildDelete(const Uuid& uuid, OvsdbDataType type);
+// A check that row `uuid` still exists (see OpSelectRequest).
+Kiln::Ptr<OpSelectRequest> buildPresenceCheck(const Uuid& uuid, OvsdbDataType type);
 // A mutate of row `uuid` taking `mutations` over; `column` (the attribute
 // name) and `uuids` tell the response what changed.
 Kiln::Ptr<OpMutateRequest> buildMutate(const Uuid& uuid, MutaterOp mutaterOp, const Kiln::String& column,
